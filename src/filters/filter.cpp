@@ -36,6 +36,9 @@ constexpr char kParameters[] =
 constexpr char kOutOfBounds[] = "Input out of bounds";
 
 bool alignmentCompatible(size_t align, size_t stride, size_t origin) {
+  // A zero alignment or stride has no grid at all; refusing it here keeps every later
+  // division by them well defined.
+  if (align == 0 || stride == 0) return false;
   if (align <= stride) return stride % align == 0 && origin % align == 0;
   return align % stride == 0 && origin % stride == 0;
 }
@@ -80,10 +83,11 @@ Filter::Filter(std::string const& name, size_t invalidLeft, size_t invalidRight,
       signedOut_(signedOut),
       bitDepthIn_(bitDepthIn),
       filtering_(filtering) {
-  if ((scaleXNum * inputPosXStride) % scaleXDen != 0) {
+  // A zero denominator makes the scale meaningless; it is refused like a non-integer one.
+  if (scaleXDen == 0 || (scaleXNum * inputPosXStride) % scaleXDen != 0) {
     throw QuorvelException("error x stride times x scale factor is not integer", kCtorShort);
   }
-  if ((scaleYNum * inputPosYStride) % scaleYDen != 0) {
+  if (scaleYDen == 0 || (scaleYNum * inputPosYStride) % scaleYDen != 0) {
     throw QuorvelException("error y stride times y scale factor is not integer", kCtorLong);
   }
   if (!alignmentCompatible(alignXIn, inputPosXStride, inputPosX0) ||
@@ -125,7 +129,8 @@ bool Filter::changesGeometry() const {
 std::vector<size_t> Filter::inputRange(std::vector<size_t> const& out) const {
   requireRange(out, kInputRange);
   if (static_cast<int64_t>(out[0]) < static_cast<int64_t>(invalidLeft_) ||
-      static_cast<int64_t>(out[2]) < static_cast<int64_t>(invalidTop_)) {
+      static_cast<int64_t>(out[2]) < static_cast<int64_t>(invalidTop_) || scaleXNum_ == 0 ||
+      scaleYNum_ == 0) {
     throw QuorvelException(kOutOfBounds, kInputRange);
   }
   auto axis = [](size_t lo, size_t hi, size_t marginLo, size_t marginHi, size_t num, size_t den,
@@ -147,7 +152,7 @@ std::vector<size_t> Filter::inputRange(std::vector<size_t> const& out) const {
 
 std::vector<size_t> Filter::outputRange(std::vector<size_t> const& in) const {
   requireRange(in, kOutputRange);
-  if (in[0] < inputPosX0_ || in[2] < inputPosY0_) {
+  if (in[0] < inputPosX0_ || in[2] < inputPosY0_ || alignXOut_ == 0 || alignYOut_ == 0) {
     throw QuorvelException(kOutOfBounds, kOutputRange);
   }
   auto axis = [](size_t lo, size_t hi, size_t marginLo, size_t marginHi, size_t num, size_t den,
