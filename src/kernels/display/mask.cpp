@@ -29,11 +29,16 @@ void SoftwareMaskFilter<P>::apply(std::vector<std::shared_ptr<Buffer2D>> const& 
     auto narrow = [](int64_t v) {
       return static_cast<int>(std::clamp<int64_t>(v, INT32_MIN / 2, INT32_MAX / 2));
     };
-    std::vector<int> in = {narrow(x), narrow(y), narrow(w), narrow(h)};
-    std::vector<int> out = in;
-    std::vector<int> clipped;
-    if (!SoftwareFilter::intersect(out, target.rect(), clipped)) continue;
-    kernel::Span const s = kernel::validSpan(in, source, out, target);
+    // Source and target share the region's coordinates, so the envelope is clipped to the
+    // target and the same rectangle is read from the source. (Moving the input by the
+    // output's clip, as one-pixel-per-pixel kernels do, would shift envelopes that start
+    // left of or above the region.)
+    std::vector<int> local;
+    if (!SoftwareFilter::intersect({narrow(x), narrow(y), narrow(w), narrow(h)}, target.rect(),
+                                   local)) {
+      continue;
+    }
+    kernel::Span const s = kernel::fitSpan(local, source, local, target);
     if (s.empty()) continue;
     size_t const rowBytes = static_cast<size_t>(s.width) * sizeof(P);
     P const* src = source.data() + s.inY * static_cast<int64_t>(source.width()) + s.inX;
