@@ -74,9 +74,15 @@ TEST(ParallelWorkQueue, LowestFreeSlotWinsAndTicketsCountUp) {
 
 TEST(ParallelWorkQueue, ReportsAWorkerFailureOnceNestedAroundTheJobError) {
   Counter done;
+  Gate release;
   Queue queue(1);
-  queue({}, [](std::vector<int>&, Worker&) { throw std::runtime_error("job broke"); });
+  // The job fails only once the next job is queued, so no push sees the failure too early.
+  queue({}, [&release](std::vector<int>&, Worker&) {
+    release.wait();
+    throw std::runtime_error("job broke");
+  });
   queue({}, count(done));
+  release.open();
   ASSERT_TRUE(done.waitFor(1));
   try {
     queue({}, count(done));
@@ -102,11 +108,16 @@ TEST(ParallelWorkQueue, ReportsAWorkerFailureOnceNestedAroundTheJobError) {
 
 TEST(ParallelWorkQueue, TwoFailuresBeforeAPushLeaveNothingPending) {
   Counter done;
+  Gate release;
   Queue queue(1);
-  auto fail = [](std::vector<int>&, Worker&) { throw std::runtime_error("x"); };
+  auto fail = [&release](std::vector<int>&, Worker&) {
+    release.wait();
+    throw std::runtime_error("x");
+  };
   queue({}, fail);
   queue({}, fail);
   queue({}, count(done));
+  release.open();
   ASSERT_TRUE(done.waitFor(1));
   EXPECT_NO_THROW(queue({}, count(done)));
   EXPECT_TRUE(done.waitFor(2));
