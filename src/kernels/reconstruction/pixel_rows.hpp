@@ -1,0 +1,48 @@
+#pragma once
+// Row functions of the per-pixel reconstruction kernels (colour transforms, narrowing,
+// interleaving, quantisation) and the row walk they share. Each *Vector function runs on
+// the best SIMD target of this processor and equals its scalar reference exactly; `stream`
+// asks for non-temporal stores (set for outputs larger than the caches).
+
+#include <cstddef>
+#include <cstdint>
+
+#include "filters/kernel_frame.hpp"
+
+namespace quorvel::kernel {
+
+/// Output size in bytes from which a call writes with streaming stores: about a quarter of
+/// a shared last-level cache, below which the output is better left cached for the next
+/// filter of the chain.
+inline constexpr size_t kStreamThresholdBytes = size_t{8} << 20;
+
+void yCoCgToRgb16Vector(int16_t const* src, int16_t* dst, size_t pixels, bool stream);
+void yCoCgToRgba8Vector(int16_t const* src, uint8_t* dst, size_t pixels, bool stream);
+void rgba8ToYCoCgVector(uint8_t const* src, int16_t* dst, size_t pixels, bool stream);
+void rgb16ToRgba8Vector(int16_t const* src, uint8_t* dst, size_t pixels, bool stream);
+void gray16To8Vector(int16_t const* src, uint8_t* dst, size_t pixels, bool stream);
+void gray16ToRgba8Vector(int16_t const* src, uint8_t* dst, size_t pixels, bool stream);
+void interleave3Vector(int16_t const* c0, int16_t const* c1, int16_t const* c2, int16_t* dst,
+                       size_t pixels, bool stream);
+void removeAlphaVector(uint8_t const* src, uint8_t* dst, size_t pixels, bool stream);
+/// Quantises with `bits` < 16 cleared (see SoftwareFilterTruncate).
+void truncateVector(int16_t const* src, int16_t* dst, size_t count, unsigned bits, bool midpoint);
+
+/// Calls row(sourceRow, targetRow, width, stream) for each row of the span, with rows
+/// stepped by each buffer's width.
+template <class In, class Out, class Row>
+void forEachRow(Buffer2DVector<In> const& source, Buffer2DVector<Out>& target, Span const& s,
+                Row&& row) {
+  if (s.empty()) return;
+  auto const sw = static_cast<int64_t>(source.width());
+  auto const tw = static_cast<int64_t>(target.width());
+  bool const stream =
+      static_cast<size_t>(s.width * s.height) * sizeof(Out) >= kStreamThresholdBytes;
+  In const* in = source.data() + s.inY * sw + s.inX;
+  Out* out = target.data() + s.outY * tw + s.outX;
+  for (int64_t j = 0; j < s.height; ++j, in += sw, out += tw) {
+    row(in, out, static_cast<size_t>(s.width), stream);
+  }
+}
+
+}  // namespace quorvel::kernel
