@@ -1,0 +1,127 @@
+#pragma once
+// Contrast-limited adaptive histogram equalisation of the first channel of 3 x int16 images.
+//
+// The image is cut into square tiles; each tile gets a clipped histogram (the excess above
+// the clip limit spread evenly over the bins) turned into a cumulative mapping, and every
+// pixel is mapped bilinearly between the mappings of the four tiles whose centres surround
+// it. The interpolation is done in exact integer arithmetic: the weighted sum of the four
+// mappings is an integer num, and floor(num / (X * Y) + 0.5) = (2 num + X Y) / (2 X Y).
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "quorvel/buffers/buffer2d.hpp"
+#include "quorvel/filters/filter.hpp"
+#include "quorvel/filters/filter_parameters.hpp"
+#include "quorvel/filters/software_filter.hpp"
+
+namespace quorvel {
+
+/// The equalisation worker of one filter run. Samples are int16 values of interleaved pixels:
+/// the sample of pixel (row r, column c) is samples[(r * stride + c) * channels]; the other
+/// channels are never touched. Not thread-safe; one object per call.
+class CLAHE {
+ public:
+  CLAHE() = default;
+  virtual ~CLAHE();
+
+  /// Sets the members for an image of height x width pixels of three channels: 40 x 40
+  /// tiles, 256 bins over the grey levels 0..255, and the tile grid, bin table and mapping
+  /// storage that follow from them.
+  void configure(size_t imageHeight, size_t imageWidth, double limit);
+
+  /// Computes one mapping per tile from the samples (tile rows outer, columns inner).
+  /// Requires configure() (or members set to the same effect).
+  void computeMappings(int16_t const* samples);
+
+  /// Replaces the first channel of the pixels in rows [r0, r0 + rowCount) and columns
+  /// [c0, c0 + colCount), cropped to height x width, by the bilinear mix of the mappings.
+  virtual void interpolate(int16_t* samples, size_t r0, size_t c0, size_t rowCount,
+                           size_t colCount);
+
+  /// Clips `histogram` (numBins bins of a tile of `pixelCount` pixels) and spreads the
+  /// excess over the bins. Returns the limit used.
+  uint64_t clipHistogram(uint32_t* histogram, size_t pixelCount) const;
+
+  /// The bin table index of a sample: 0 below minValue, s - minValue up to maxValue -
+  /// minValue, maxValue - minValue above.
+  size_t sampleIndex(int16_t sample) const {
+    int64_t const range = int64_t{maxValue} - minValue;
+    if (sample < minValue) return 0;
+    if (sample <= range) return static_cast<size_t>(sample - int64_t{minValue});
+    return static_cast<size_t>(range);
+  }
+
+  size_t tileRows = 0;  ///< ceil(height / tileSize)
+  size_t tileCols = 0;  ///< ceil(width / tileSize)
+  int32_t minValue = 0;
+  int32_t maxValue = 255;
+  size_t height = 0;  ///< extent of the interpolation
+  size_t width = 0;
+  size_t histHeight = 0;  ///< extent of the histograms
+  size_t histWidth = 0;
+  size_t stride = 0;  ///< pixels per row
+  size_t channels = 3;
+  size_t tileSize = 40;
+  size_t numBins = 256;
+  double clipLimit = 1.0;
+  /// Bin of each sample index (see sampleIndex): i * numBins / (maxValue - minValue + 1).
+  std::vector<int32_t> binLut;
+  /// tileRows x tileCols x numBins, tile-row-major: histograms, then mappings.
+  std::vector<uint32_t> mappings;
+
+ private:
+  uint32_t* tileMapping(size_t tileRow, size_t tileCol) {
+    return mappings.data() + (tileRow * tileCols + tileCol) * numBins;
+  }
+  void interpolatePacked(int16_t* samples, size_t r0, size_t c0, size_t r1, size_t c1);
+  void interpolateWide(int16_t* samples, size_t r0, size_t c0, size_t r1, size_t c1);
+};
+
+namespace clahe_detail {
+
+/// floor(num / 1600 + 0.5) = (num + 800) / 1600 for num <= 255 * 1600, as two shifts and one
+/// multiply: floor(floor(n / 64) / 25) = floor(n / 1600), and (m * 5243) >> 17 = m / 25 for
+/// m < 43690.
+inline uint32_t divideRounded1600(uint32_t num) { return ((num + 800) >> 6) * 5243 >> 17; }
+
+/// One row of the 40-pixel-tile interpolation with byte mappings. Sample i is
+/// samples[i * channels] and becomes the mix of the packed word
+/// tables[colBase[i] + clamp(sample, 0, maxIndex)] (UL | UR << 8 | LL << 16 | LR << 24) with
+/// the horizontal weights weightLeft[i], weightRight[i] and the vertical weights weightUp,
+/// weightDown, all scaled so that each pair sums to 40; the result is (num + 800) / 1600.
+/// Vectorised; equal to the scalar form.
+void interpolateRow40(int16_t* samples, size_t count, size_t channels, int32_t maxIndex,
+                      uint32_t const* tables, int32_t const* colBase, int32_t const* weightLeft,
+                      int32_t const* weightRight, int32_t weightUp, int32_t weightDown);
+void interpolateRow40Scalar(int16_t* samples, size_t count, size_t channels, int32_t maxIndex,
+                            uint32_t const* tables, int32_t const* colBase,
+                            int32_t const* weightLeft, int32_t const* weightRight, int32_t weightUp,
+                            int32_t weightDown);
+
+}  // namespace clahe_detail
+
+/// "FilterCLAHE": equalises the first channel of a 3 x int16 source in place (sources of
+/// more than 40 x 40 pixels only) and copies the destination rectangle out of it; channels
+/// 2 and 3 pass through bit for bit.
+class SoftwareFilterCLAHE : public SoftwareFilter {
+ public:
+  explicit SoftwareFilterCLAHE(Filter const& description) : SoftwareFilter(description) {}
+
+  /// Runs the equalisation with the clip limit of FilterClaheParams (raised to 1.0 at single
+  /// precision) and writes outputRects[0]. Modifies inputs[0]. Stateless between calls.
+  void apply(std::vector<std::shared_ptr<Buffer2D>> const& inputs,
+             std::vector<std::vector<int>> const& inputRects,
+             std::vector<std::shared_ptr<Buffer2D>> const& outputs,
+             std::vector<std::vector<int>> const& outputRects,
+             SingleFilterParameters const& params) override;
+
+  /// The clip limit in effect for `requested`: rounded to single precision, then raised to
+  /// 1.0 when below it (a NaN stays NaN).
+  static double effectiveClipLimit(double requested);
+};
+
+}  // namespace quorvel

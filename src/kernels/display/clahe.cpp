@@ -1,0 +1,355 @@
+#include "quorvel/kernels/display/clahe.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+#include "filters/kernel_frame.hpp"
+
+namespace quorvel {
+namespace clahe_detail {
+
+void interpolateRow40Scalar(int16_t* samples, size_t count, size_t channels, int32_t maxIndex,
+                            uint32_t const* tables, int32_t const* colBase,
+                            int32_t const* weightLeft, int32_t const* weightRight, int32_t weightUp,
+                            int32_t weightDown) {
+  for (size_t i = 0; i < count; ++i) {
+    int16_t& sample = samples[i * channels];
+    uint32_t const t = tables[colBase[i] + std::clamp<int32_t>(sample, 0, maxIndex)];
+    auto const wl = static_cast<uint32_t>(weightLeft[i]),
+               wr = static_cast<uint32_t>(weightRight[i]);
+    uint32_t const top = (t & 255) * wl + (t >> 8 & 255) * wr;
+    uint32_t const bottom = (t >> 16 & 255) * wl + (t >> 24) * wr;
+    sample = static_cast<int16_t>(divideRounded1600(top * static_cast<uint32_t>(weightUp) +
+                                                    bottom * static_cast<uint32_t>(weightDown)));
+  }
+}
+
+}  // namespace clahe_detail
+
+CLAHE::~CLAHE() = default;
+
+void CLAHE::configure(size_t imageHeight, size_t imageWidth, double limit) {
+  tileSize = 40;
+  numBins = 256;
+  minValue = 0;
+  maxValue = 255;
+  channels = 3;
+  height = histHeight = imageHeight;
+  width = histWidth = imageWidth;
+  stride = imageWidth;
+  clipLimit = limit;
+  tileRows = (imageHeight + tileSize - 1) / tileSize;
+  tileCols = (imageWidth + tileSize - 1) / tileSize;
+  size_t const levels = static_cast<size_t>(int64_t{maxValue} - minValue + 1);
+  binLut.resize(levels);
+  for (size_t i = 0; i < levels; ++i) binLut[i] = static_cast<int32_t>(i * numBins / levels);
+  mappings.assign(tileRows * tileCols * numBins, 0);
+}
+
+uint64_t CLAHE::clipHistogram(uint32_t* histogram, size_t pixelCount) const {
+  // The conversion to an integer saturates; a NaN limit (kept on purpose) means no clipping.
+  double const exact = static_cast<double>(pixelCount) * clipLimit / static_cast<double>(numBins);
+  uint64_t limit = std::numeric_limits<uint64_t>::max();
+  if (exact < 1.0) {
+    limit = 0;
+  } else if (exact < 18446744073709551615.0) {
+    limit = static_cast<uint64_t>(exact);
+  }
+  if (limit == 0) limit = 1;
+
+  int64_t excess = 0;
+  for (size_t b = 0; b < numBins; ++b) {
+    if (histogram[b] > limit) excess += static_cast<int64_t>(histogram[b] - limit);
+  }
+  if (excess == 0) return limit;
+
+  // From here on some bin exceeds the limit, so it is below 2^32 and signed math is safe.
+  int64_t const limitS = static_cast<int64_t>(limit);
+  int64_t const inc = excess / static_cast<int64_t>(numBins);
+  int64_t const upper = limitS - inc;
+  // Cut every bin to the limit and hand each bin an equal share; bins already close to the
+  // limit are only filled up to it.
+  for (size_t b = 0; b < numBins; ++b) {
+    int64_t const h = histogram[b];
+    if (h > limitS) {
+      histogram[b] = static_cast<uint32_t>(limitS);
+    } else if (h > upper) {
+      excess -= limitS - h;
+      histogram[b] = static_cast<uint32_t>(limitS);
+    } else {
+      histogram[b] = static_cast<uint32_t>(h + inc);
+      excess -= inc;
+    }
+  }
+  // Spread what is left one count at a time over evenly spaced bins below the limit, until
+  // nothing is left or a whole round finds no room.
+  while (excess > 0) {
+    int64_t const before = excess;
+    for (size_t start = 0; start < numBins && excess > 0; ++start) {
+      size_t const step = std::max<size_t>(1, numBins / static_cast<size_t>(excess));
+      for (size_t b = start; b < numBins && excess > 0; b += step) {
+        if (histogram[b] < limit) {
+          ++histogram[b];
+          --excess;
+        }
+      }
+    }
+    if (excess == before) break;
+  }
+  return limit;
+}
+
+void CLAHE::computeMappings(int16_t const* samples) {
+  if (mappings.size() != tileRows * tileCols * numBins) {
+    mappings.assign(tileRows * tileCols * numBins, 0);
+  }
+  // The histograms of one tile row are counted together, pixel row by pixel row, so the
+  // samples stream through memory in order. Two interleaved sets (even and odd pixels) keep
+  // runs of equal samples from serialising on one counter.
+  std::vector<uint32_t> counts(2 * tileCols * numBins);
+  int32_t const* const bins = binLut.data();
+  auto const bin = [this, bins](int16_t sample) {
+    return static_cast<size_t>(bins[sampleIndex(sample)]);
+  };
+  auto const isFull = [this](size_t tr, size_t tc) {
+    return std::min(tr * tileSize + tileSize, histHeight) == tr * tileSize + tileSize &&
+           std::min(tc * tileSize + tileSize, histWidth) == tc * tileSize + tileSize;
+  };
+  for (size_t tr = 0; tr < tileRows; ++tr) {
+    size_t const rBegin = std::min(tr * tileSize, histHeight);
+    size_t const rEnd = std::min(rBegin + tileSize, histHeight);
+    // Count the tiles that keep their own histogram: partial tiles at the right or bottom
+    // edge reuse the mapping of a neighbour.
+    size_t countedCols = 0;
+    while (countedCols < tileCols &&
+           (isFull(tr, countedCols) || !((countedCols + 1 == tileCols && tileCols > 1) ||
+                                         (tr + 1 == tileRows && tileRows > 1)))) {
+      ++countedCols;
+    }
+    size_t const cEndAll = std::min(countedCols * tileSize, histWidth);
+    std::fill(counts.begin(), counts.end(), 0u);
+    for (size_t r = rBegin; r < rEnd; ++r) {
+      int16_t const* row = samples + r * stride * channels;
+      for (size_t cBegin = 0; cBegin < cEndAll; cBegin += tileSize) {
+        uint32_t* even = counts.data() + 2 * (cBegin / tileSize) * numBins;
+        uint32_t* odd = even + numBins;
+        size_t const cEnd = std::min(cBegin + tileSize, cEndAll);
+        int16_t const* p = row + cBegin * channels;
+        size_t c = cBegin;
+        for (; c + 2 <= cEnd; c += 2, p += 2 * channels) {
+          ++even[bin(p[0])];
+          ++odd[bin(p[channels])];
+        }
+        if (c < cEnd) ++even[bin(*p)];
+      }
+    }
+
+    for (size_t tc = 0; tc < tileCols; ++tc) {
+      size_t const cBegin = std::min(tc * tileSize, histWidth);
+      size_t const cEnd = std::min(cBegin + tileSize, histWidth);
+      bool const full = isFull(tr, tc);
+      uint32_t* mapping = tileMapping(tr, tc);
+      if (!full && tc + 1 == tileCols && tileCols > 1) {
+        std::copy_n(mapping - numBins, numBins, mapping);
+        continue;
+      }
+      if (!full && tr + 1 == tileRows && tileRows > 1) {
+        std::copy_n(tileMapping(tr - 1, tc), numBins, mapping);
+        continue;
+      }
+      uint32_t const* even = counts.data() + 2 * tc * numBins;
+      for (size_t b = 0; b < numBins; ++b) mapping[b] = even[b] + even[numBins + b];
+
+      size_t const pixels = (rEnd - rBegin) * (cEnd - cBegin);
+      clipHistogram(mapping, pixels);
+      if (!full) continue;  // a lone partial tile keeps its clipped histogram
+      // The cumulative histogram scaled to the grey range, truncated.
+      double const scale =
+          static_cast<double>(int64_t{maxValue} - minValue) / static_cast<double>(pixels);
+      uint64_t sum = 0;
+      for (size_t b = 0; b < numBins; ++b) {
+        sum += mapping[b];
+        auto const level = static_cast<int64_t>(static_cast<double>(sum) * scale + minValue);
+        mapping[b] = static_cast<uint32_t>(std::min<int64_t>(maxValue, level));
+      }
+    }
+  }
+}
+
+namespace {
+
+// One block of the interpolation grid along one axis: blocks are bounded by tile centres,
+// block 0 being the half block at the image edge.
+struct Block {
+  size_t start;       // first pixel of the uncropped block
+  uint32_t size;      // uncropped size
+  size_t tileBefore;  // tile above / left
+  size_t tileAfter;   // tile below / right
+};
+
+Block blockOf(size_t index, size_t tileSize, size_t tiles) {
+  size_t const half = tileSize / 2;
+  if (index == 0) return {0, static_cast<uint32_t>(tileSize - half), 0, 0};
+  size_t const last = tiles - 1;
+  size_t const before = std::min(index - 1, last), after = std::min(index, last);
+  return {index * tileSize - half, static_cast<uint32_t>(tileSize), before, after};
+}
+
+}  // namespace
+
+void CLAHE::interpolate(int16_t* samples, size_t r0, size_t c0, size_t rowCount, size_t colCount) {
+  if (r0 >= height || c0 >= width || tileRows == 0 || tileCols == 0 || tileSize == 0 ||
+      mappings.size() < tileRows * tileCols * numBins) {
+    return;
+  }
+  size_t const r1 = r0 + std::min(rowCount, height - r0);
+  size_t const c1 = c0 + std::min(colCount, width - c0);
+  if (r1 == r0 || c1 == c0) return;
+  // Byte mappings on the standard 40-pixel grid take the packed, vectorised form.
+  bool const bytes =
+      std::all_of(mappings.begin(), mappings.end(), [](uint32_t v) { return v < 256; });
+  bool const binsValid = std::all_of(binLut.begin(), binLut.end(), [&](int32_t b) {
+    return b >= 0 && static_cast<size_t>(b) < numBins;
+  });
+  if (!binsValid || binLut.size() != static_cast<size_t>(int64_t{maxValue} - minValue + 1)) return;
+  if (bytes && tileSize == 40 && minValue == 0) {
+    interpolatePacked(samples, r0, c0, r1, c1);
+  } else {
+    interpolateWide(samples, r0, c0, r1, c1);
+  }
+}
+
+void CLAHE::interpolatePacked(int16_t* samples, size_t r0, size_t c0, size_t r1, size_t c1) {
+  constexpr size_t kTile = 40, kHalf = 20;
+  size_t const levels = binLut.size();
+  size_t const kFirst = (c0 + kHalf) / kTile, kLast = (c1 - 1 + kHalf) / kTile;
+  size_t const count = c1 - c0;
+  // Per column: which block table to read and the horizontal weights, scaled to sum to 40
+  // (a half block counts double) so that every block divides by 40 * 40.
+  std::vector<int32_t> colBase(count), weightLeft(count), weightRight(count);
+  for (size_t c = c0; c < c1; ++c) {
+    size_t const k = (c + kHalf) / kTile;
+    Block const cols = blockOf(k, kTile, tileCols);
+    auto const scale = static_cast<int32_t>(kTile / cols.size);
+    auto const x = static_cast<int32_t>(c - cols.start);
+    colBase[c - c0] = static_cast<int32_t>((k - kFirst) * levels);
+    weightLeft[c - c0] = (static_cast<int32_t>(cols.size) - x) * scale;
+    weightRight[c - c0] = x * scale;
+  }
+  // Per column block of the current block row: the four mappings packed into one word per
+  // sample index (UL | UR << 8 | LL << 16 | LR << 24), so a pixel needs a single lookup.
+  std::vector<uint32_t> tables((kLast - kFirst + 1) * levels);
+  size_t builtFor = std::numeric_limits<size_t>::max();
+  for (size_t r = r0; r < r1; ++r) {
+    size_t const i = (r + kHalf) / kTile;
+    Block const rows = blockOf(i, kTile, tileRows);
+    if (i != builtFor) {
+      for (size_t k = kFirst; k <= kLast; ++k) {
+        Block const cols = blockOf(k, kTile, tileCols);
+        uint32_t const* ul = tileMapping(rows.tileBefore, cols.tileBefore);
+        uint32_t const* ur = tileMapping(rows.tileBefore, cols.tileAfter);
+        uint32_t const* ll = tileMapping(rows.tileAfter, cols.tileBefore);
+        uint32_t const* lr = tileMapping(rows.tileAfter, cols.tileAfter);
+        uint32_t* table = tables.data() + (k - kFirst) * levels;
+        for (size_t v = 0; v < levels; ++v) {
+          auto const b = static_cast<size_t>(binLut[v]);
+          table[v] = ul[b] | ur[b] << 8 | ll[b] << 16 | lr[b] << 24;
+        }
+      }
+      builtFor = i;
+    }
+    auto const scale = static_cast<int32_t>(kTile / rows.size);
+    auto const y = static_cast<int32_t>(r - rows.start);
+    clahe_detail::interpolateRow40(samples + (r * stride + c0) * channels, count, channels,
+                                   static_cast<int32_t>(levels - 1), tables.data(), colBase.data(),
+                                   weightLeft.data(), weightRight.data(),
+                                   (static_cast<int32_t>(rows.size) - y) * scale, y * scale);
+  }
+}
+
+void CLAHE::interpolateWide(int16_t* samples, size_t r0, size_t c0, size_t r1, size_t c1) {
+  size_t const half = tileSize / 2;
+  for (size_t r = r0; r < r1; ++r) {
+    Block const rows = blockOf((r + half) / tileSize, tileSize, tileRows);
+    uint64_t const y = r - rows.start, Y = rows.size;
+    int16_t* row = samples + r * stride * channels;
+    for (size_t c = c0; c < c1; ++c) {
+      Block const cols = blockOf((c + half) / tileSize, tileSize, tileCols);
+      uint64_t const x = c - cols.start, X = cols.size;
+      int16_t& sample = row[c * channels];
+      auto const b = static_cast<size_t>(binLut[sampleIndex(sample)]);
+      uint64_t const ul = tileMapping(rows.tileBefore, cols.tileBefore)[b];
+      uint64_t const ur = tileMapping(rows.tileBefore, cols.tileAfter)[b];
+      uint64_t const ll = tileMapping(rows.tileAfter, cols.tileBefore)[b];
+      uint64_t const lr = tileMapping(rows.tileAfter, cols.tileAfter)[b];
+      uint64_t const num = (ul * (X - x) + ur * x) * (Y - y) + (ll * (X - x) + lr * x) * y;
+      // Stored as 16 bits, as the rounded value of the mix.
+      sample = static_cast<int16_t>(static_cast<uint16_t>((2 * num + X * Y) / (2 * X * Y)));
+    }
+  }
+}
+
+double SoftwareFilterCLAHE::effectiveClipLimit(double requested) {
+  // Narrowing a double beyond the float range is undefined: spell out the overflow to inf.
+  float narrowed = 0.0f;
+  if (std::isnan(requested)) {
+    narrowed = std::numeric_limits<float>::quiet_NaN();
+  } else if (std::fabs(requested) > static_cast<double>(std::numeric_limits<float>::max())) {
+    narrowed = requested > 0 ? std::numeric_limits<float>::infinity()
+                             : -std::numeric_limits<float>::infinity();
+  } else {
+    narrowed = static_cast<float>(requested);
+  }
+  if (1.0f > narrowed) narrowed = 1.0f;
+  return static_cast<double>(narrowed);
+}
+
+void SoftwareFilterCLAHE::apply(std::vector<std::shared_ptr<Buffer2D>> const& inputs,
+                                std::vector<std::vector<int>> const& inputRects,
+                                std::vector<std::shared_ptr<Buffer2D>> const& outputs,
+                                std::vector<std::vector<int>> const& outputRects,
+                                SingleFilterParameters const& params) {
+  double const limit = effectiveClipLimit(params.as<FilterClaheParams>().clipLimit);
+  auto& source = kernel::typed<std::array<int16_t, 3>>(inputs, 0);
+  auto& target = kernel::typed<std::array<int16_t, 3>>(outputs, 0);
+  std::vector<int> in = kernel::rectAt(inputRects, 0);
+  std::vector<int> out = kernel::rectAt(outputRects, 0);
+  SoftwareFilter::getValidRects(in, source.rect(), out, target.rect());
+
+  size_t const sourceW = source.width(), sourceH = source.height();
+  int16_t* samples = reinterpret_cast<int16_t*>(source.data());
+  if (sourceH > 40 && sourceW > 40) {
+    CLAHE clahe;
+    clahe.configure(sourceH, sourceW, limit);
+    clahe.computeMappings(samples);
+    // A destination that starts a tile or more into the source (or before it: the unsigned
+    // difference wraps) skips equalising the first tile row / column.
+    auto skip = [](int destination, int source) -> size_t {
+      auto const difference =
+          static_cast<uint32_t>(static_cast<uint64_t>(std::abs(int64_t{destination}) - source));
+      return difference >= 40 ? 40 : 0;
+    };
+    size_t const c0 = skip(out[0], in[0]), r0 = skip(out[1], in[1]);
+    clahe.interpolate(samples, r0, c0, sourceH - r0, sourceW - c0);
+  }
+
+  // Copy the destination rectangle out of the source: destination pixel (out.x + i,
+  // out.y + j) comes from source pixel (in.x + i, in.y + j), i.e. from the flat source index
+  // (in.y + j) * width + in.x + i. Rows whose start index is negative are skipped, and a row
+  // is cut where the source ends.
+  auto const* src = source.data();
+  auto* dst = target.data();
+  int64_t const total = static_cast<int64_t>(sourceW * sourceH);
+  for (int64_t j = 0; j < out[3]; ++j) {
+    int64_t const offset = (in[1] + j) * static_cast<int64_t>(sourceW) + in[0];
+    if (offset < 0) continue;
+    int64_t const count = std::min<int64_t>(out[2], total - offset);
+    if (count <= 0) break;
+    std::memmove(dst + (out[1] + j) * static_cast<int64_t>(target.width()) + out[0], src + offset,
+                 static_cast<size_t>(count) * sizeof(*src));
+  }
+}
+
+}  // namespace quorvel

@@ -1,0 +1,166 @@
+// Vector row kernels of the sharpness filters, compiled once per instruction set and picked
+// at run time. Every kernel handles whole vectors and leaves the rest of the row to the
+// scalar form, so both give identical samples.
+
+#undef HWY_TARGET_INCLUDE
+#define HWY_TARGET_INCLUDE "kernels/display/sharpness_hwy.cpp"
+#include <hwy/foreach_target.h>  // IWYU pragma: keep
+#include <hwy/highway.h>
+
+#include "quorvel/kernels/display/sharpness.hpp"
+
+HWY_BEFORE_NAMESPACE();
+namespace quorvel {
+namespace HWY_NAMESPACE {
+namespace hn = hwy::HWY_NAMESPACE;
+
+// =====================================================================================
+// Sharpness 8-bit - one 5 x 5 pass over interleaved samples
+// =====================================================================================
+
+// The whole computation runs in int16 lanes. The blur sum B fits (at most 128 * 255), and
+// so does d = 128 c - B. The product d * s needs 32 bits; it is taken apart as
+// hi * 65536 + lo (MulHigh and the wrapping Mul), which gives
+//   (c * 4096 + 2048 + d * s) >> 12 = c + 16 hi + ((lo >> 11) + 1) >> 1   (lo unsigned),
+// exact as long as no 32-bit step overflows, i.e. for any s that fits int16. hi is clamped
+// to [-1024, 1023] first: outside that range the result saturates to 0 or 255 either way,
+// and inside it 16 hi cannot overflow int16.
+void SharpenRow8(uint8_t const* const rows[5], uint8_t* out, size_t count, size_t step,
+                 int32_t strength) {
+  if (strength < -32768 || strength > 32767) {
+    // Only absurd gains get here; their 32-bit wrap-around is left to the scalar form.
+    sharpness_detail::sharpenRow8Scalar(rows, out, count, step, strength);
+    return;
+  }
+  const hn::ScalableTag<int16_t> d;
+  const hn::Rebind<uint8_t, decltype(d)> d8;
+  const hn::RebindToUnsigned<decltype(d)> du;
+  size_t const lanes = hn::Lanes(d);
+  ptrdiff_t const d1 = static_cast<ptrdiff_t>(step), d2 = 2 * d1;
+  auto const s = hn::Set(d, static_cast<int16_t>(strength));
+  auto const three = hn::Set(d, 3), five = hn::Set(d, 5), c44 = hn::Set(d, 44);
+  auto const hiMin = hn::Set(d, -1024), hiMax = hn::Set(d, 1023);
+  auto const oneU = hn::Set(du, 1);
+
+  size_t k = 0;
+  // Blocks of whole vectors; every load stays inside the windows of this block's pixels.
+  for (; k + lanes <= count; k += lanes) {
+    auto p = [&](int r, ptrdiff_t off) {
+      return hn::PromoteTo(d, hn::LoadU(d8, rows[r] + static_cast<ptrdiff_t>(k) + off));
+    };
+    auto const c = p(2, 0);
+    auto const axis = hn::Add(hn::Add(p(1, 0), p(3, 0)), hn::Add(p(2, -d1), p(2, d1)));
+    auto const diagonal = hn::Add(hn::Add(p(1, -d1), p(1, d1)), hn::Add(p(3, -d1), p(3, d1)));
+    auto const far = hn::Add(hn::Add(p(0, 0), p(4, 0)), hn::Add(p(2, -d2), p(2, d2)));
+    auto const blur = hn::Add(hn::Add(hn::Mul(hn::Add(hn::Mul(axis, three), diagonal), five), far),
+                              hn::Mul(c, c44));
+    auto const diff = hn::Sub(hn::ShiftLeft<7>(c), blur);
+    auto const hi = hn::Min(hn::Max(hn::MulHigh(diff, s), hiMin), hiMax);
+    auto const lo = hn::BitCast(du, hn::Mul(diff, s));
+    // (lo + 2048) >> 12 without leaving 16 bits: round the 5 bits above bit 11 half up.
+    auto const loRounded = hn::ShiftRight<1>(hn::Add(hn::ShiftRight<11>(lo), oneU));
+    auto const r = hn::Add(hn::Add(c, hn::ShiftLeft<4>(hi)), hn::BitCast(d, loRounded));
+    // The signed-to-unsigned narrowing saturates: the clamp to [0, 255].
+    hn::StoreU(hn::DemoteTo(d8, r), d8, out + k);
+  }
+  // Tail: fewer samples than one vector.
+  if (k < count) {
+    uint8_t const* tail[5];
+    for (int r = 0; r < 5; ++r) tail[r] = rows[r] + k;
+    sharpness_detail::sharpenRow8Scalar(tail, out + k, count - k, step, strength);
+  }
+}
+
+// =====================================================================================
+// Sharpness 16-bit - horizontal blur sum
+// =====================================================================================
+
+// Samples are clamped to [0, 1023], so the sum is at most 64 * 1023 = 65472: the wrapping
+// int16 arithmetic holds it exactly as an unsigned 16-bit value.
+void BlurRowH16(int16_t const* in, uint16_t* out, size_t count, size_t step) {
+  const hn::ScalableTag<int16_t> d;
+  const hn::RebindToUnsigned<decltype(d)> du;
+  size_t const lanes = hn::Lanes(d);
+  ptrdiff_t const d1 = static_cast<ptrdiff_t>(step), d2 = 2 * d1;
+  auto const zero = hn::Zero(d), top = hn::Set(d, 1023);
+  auto const c13 = hn::Set(d, 13), c36 = hn::Set(d, 36);
+
+  size_t k = 0;
+  // Blocks of whole vectors.
+  for (; k + lanes <= count; k += lanes) {
+    int16_t const* p = in + k;
+    auto q = [&](ptrdiff_t off) { return hn::Min(hn::Max(hn::LoadU(d, p + off), zero), top); };
+    auto const h = hn::Add(hn::Add(hn::Add(q(-d2), q(d2)), hn::Mul(hn::Add(q(-d1), q(d1)), c13)),
+                           hn::Mul(q(0), c36));
+    hn::StoreU(hn::BitCast(du, h), du, out + k);
+  }
+  // Tail: fewer samples than one vector.
+  if (k < count) sharpness_detail::blurRowH16Scalar(in + k, out + k, count - k, step);
+}
+
+// =====================================================================================
+// Sharpness 16-bit - vertical blur and mix
+// =====================================================================================
+
+// int32 lanes throughout: the vertical blur of unsigned 16-bit sums reaches 64 * 65535, and
+// the 32-bit signed steps of the formula wrap exactly like the scalar form (Mul wraps).
+void SharpenRowV16(uint16_t const* const blurRows[5], int16_t const* centre, int16_t* out,
+                   size_t count, int32_t strength) {
+  const hn::ScalableTag<int32_t> d;
+  const hn::Rebind<uint16_t, decltype(d)> du16;
+  const hn::Rebind<int16_t, decltype(d)> di16;
+  size_t const lanes = hn::Lanes(d);
+  auto const s = hn::Set(d, strength);
+  auto const c13 = hn::Set(d, 13), c36 = hn::Set(d, 36);
+  auto const zero = hn::Zero(d), top = hn::Set(d, 1023), half = hn::Set(d, 65536);
+
+  size_t k = 0;
+  // Blocks of whole vectors.
+  for (; k + lanes <= count; k += lanes) {
+    auto q = [&](int r) { return hn::PromoteTo(d, hn::LoadU(du16, blurRows[r] + k)); };
+    auto const blur = hn::Add(hn::Add(hn::Add(q(0), q(4)), hn::Mul(hn::Add(q(1), q(3)), c13)),
+                              hn::Mul(q(2), c36));
+    auto const c = hn::Min(hn::Max(hn::PromoteTo(d, hn::LoadU(di16, centre + k)), zero), top);
+    auto const diff = hn::Sub(hn::ShiftLeft<12>(c), blur);
+    auto const r =
+        hn::ShiftRight<17>(hn::Add(hn::Add(hn::ShiftLeft<17>(c), half), hn::Mul(diff, s)));
+    // The signed narrowing saturates: the clamp to [-32768, 32767].
+    hn::StoreU(hn::DemoteTo(di16, r), di16, out + k);
+  }
+  // Tail: fewer samples than one vector.
+  if (k < count) {
+    uint16_t const* tail[5];
+    for (int r = 0; r < 5; ++r) tail[r] = blurRows[r] + k;
+    sharpness_detail::sharpenRowV16Scalar(tail, centre + k, out + k, count - k, strength);
+  }
+}
+
+}  // namespace HWY_NAMESPACE
+}  // namespace quorvel
+HWY_AFTER_NAMESPACE();
+
+#if HWY_ONCE
+namespace quorvel {
+namespace sharpness_detail {
+
+HWY_EXPORT(SharpenRow8);
+HWY_EXPORT(BlurRowH16);
+HWY_EXPORT(SharpenRowV16);
+
+void sharpenRow8(uint8_t const* const rows[5], uint8_t* out, size_t count, size_t step,
+                 int32_t strength) {
+  HWY_DYNAMIC_DISPATCH(SharpenRow8)(rows, out, count, step, strength);
+}
+
+void blurRowH16(int16_t const* in, uint16_t* out, size_t count, size_t step) {
+  HWY_DYNAMIC_DISPATCH(BlurRowH16)(in, out, count, step);
+}
+
+void sharpenRowV16(uint16_t const* const blurRows[5], int16_t const* centre, int16_t* out,
+                   size_t count, int32_t strength) {
+  HWY_DYNAMIC_DISPATCH(SharpenRowV16)(blurRows, centre, out, count, strength);
+}
+
+}  // namespace sharpness_detail
+}  // namespace quorvel
+#endif  // HWY_ONCE

@@ -1,0 +1,377 @@
+#include "quorvel/kernels/display/clahe.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <random>
+#include <vector>
+
+namespace quorvel {
+namespace {
+
+using RgbS16 = std::array<int16_t, 3>;
+using Rect = std::vector<int>;
+
+// --- A plain reference of the whole equalisation, straight from the description: one
+// histogram per tile, clipping with redistribution, cumulative mappings in double, and the
+// bilinear mix in double, truncated after adding 0.5.
+
+constexpr int kTile = 40;
+constexpr int kBins = 256;
+
+using Histogram = std::vector<int64_t>;
+
+void refClip(Histogram& h, int64_t n, double clip) {
+  int64_t limit = static_cast<int64_t>(static_cast<double>(n) * clip / kBins);
+  if (limit == 0) limit = 1;
+  int64_t excess = 0;
+  for (int64_t v : h) excess += std::max<int64_t>(0, v - limit);
+  int64_t const inc = excess / kBins, upper = limit - inc;
+  for (int64_t& v : h) {
+    if (v > limit) {
+      v = limit;
+    } else if (v > upper) {
+      excess -= limit - v;
+      v = limit;
+    } else {
+      v += inc;
+      excess -= inc;
+    }
+  }
+  while (excess > 0) {
+    int64_t const before = excess;
+    for (int start = 0; start < kBins && excess > 0; ++start) {
+      int64_t const step = std::max<int64_t>(1, kBins / excess);
+      for (int64_t b = start; b < kBins && excess > 0; b += step) {
+        if (h[b] < limit) ++h[b], --excess;
+      }
+    }
+    if (excess == before) break;
+  }
+}
+
+// Equalises channel 0 of `img` (w x h pixels, 3 samples each) in place from (r0, c0) on.
+void refClahe(std::vector<int16_t>& img, int w, int h, double clip, int r0, int c0) {
+  int const tileRows = (h + kTile - 1) / kTile, tileCols = (w + kTile - 1) / kTile;
+  auto binOf = [](int16_t s) { return std::clamp<int>(s, 0, 255); };
+  std::vector<Histogram> maps(tileRows * tileCols, Histogram(kBins, 0));
+  for (int tr = 0; tr < tileRows; ++tr) {
+    for (int tc = 0; tc < tileCols; ++tc) {
+      int const th = std::min(kTile, h - tr * kTile), tw = std::min(kTile, w - tc * kTile);
+      bool const partial = th < kTile || tw < kTile;
+      Histogram& m = maps[tr * tileCols + tc];
+      if (partial && tc == tileCols - 1 && tileCols > 1) {
+        m = maps[tr * tileCols + tc - 1];
+        continue;
+      }
+      if (partial && tr == tileRows - 1 && tileRows > 1) {
+        m = maps[(tr - 1) * tileCols + tc];
+        continue;
+      }
+      for (int y = 0; y < th; ++y) {
+        for (int x = 0; x < tw; ++x) {
+          ++m[binOf(img[3 * ((tr * kTile + y) * w + tc * kTile + x)])];
+        }
+      }
+      refClip(m, int64_t{th} * tw, clip);
+      if (partial) continue;
+      double sum = 0;
+      for (int64_t& v : m) {
+        sum += static_cast<double>(v);
+        v = std::min<int64_t>(255, static_cast<int64_t>(sum * (255.0 / (th * tw))));
+      }
+    }
+  }
+  std::vector<int16_t> const before = img;
+  for (int r = r0; r < h; ++r) {
+    for (int c = c0; c < w; ++c) {
+      // Blocks between tile centres; block 0 is the 20-pixel half block at the edge.
+      int const i = (r + 20) / kTile, k = (c + 20) / kTile;
+      int const top = i == 0 ? 0 : i * kTile - 20, left = k == 0 ? 0 : k * kTile - 20;
+      double const Y = i == 0 ? 20 : 40, X = k == 0 ? 20 : 40;
+      double const y = r - top, x = c - left;
+      int const up = i == 0 ? 0 : std::min(i - 1, tileRows - 1), down = std::min(i, tileRows - 1);
+      int const lf = k == 0 ? 0 : std::min(k - 1, tileCols - 1), rt = std::min(k, tileCols - 1);
+      int const b = binOf(before[3 * (r * w + c)]);
+      double const ul = maps[up * tileCols + lf][b], ur = maps[up * tileCols + rt][b];
+      double const ll = maps[down * tileCols + lf][b], lr = maps[down * tileCols + rt][b];
+      double const value =
+          ((ul * (X - x) + ur * x) * (Y - y) + (ll * (X - x) + lr * x) * y) / (X * Y) + 0.5;
+      img[3 * (r * w + c)] = static_cast<int16_t>(static_cast<int>(value));
+    }
+  }
+}
+
+std::shared_ptr<Buffer2DVector<RgbS16>> makeImage(int w, int h, std::vector<int16_t> const& s) {
+  auto b = std::make_shared<Buffer2DVector<RgbS16>>(w, h, true);
+  std::copy(s.begin(), s.end(), b->data()->data());
+  return b;
+}
+
+std::vector<int16_t> samplesOf(Buffer2DVector<RgbS16> const& b) {
+  return std::vector<int16_t>(b.data()->data(), b.data()->data() + 3 * b.width() * b.height());
+}
+
+// Channel 0 mixes smooth gradients, blobs and noise (with some samples outside 0..255) so
+// the tile histograms differ; channels 1 and 2 are arbitrary 16-bit values.
+std::vector<int16_t> randomImage(int w, int h, std::mt19937& gen) {
+  std::uniform_int_distribution<int> noise(-25, 25), any(-32768, 32767);
+  std::vector<int16_t> s(3 * static_cast<size_t>(w) * h);
+  for (int y = 0; y < h; ++y) {
+    for (int x = 0; x < w; ++x) {
+      double const base = 120 + 90 * std::sin(x * 0.07) * std::cos(y * 0.05) + (x * y) % 37;
+      s[3 * (y * w + x)] = static_cast<int16_t>(base + noise(gen) * ((x / 17 + y / 13) % 3));
+      s[3 * (y * w + x) + 1] = static_cast<int16_t>(any(gen));
+      s[3 * (y * w + x) + 2] = static_cast<int16_t>(any(gen));
+    }
+  }
+  return s;
+}
+
+FilterClaheParams clahe(double clipLimit) {
+  FilterClaheParams p;
+  p.clipLimit = clipLimit;
+  return p;
+}
+
+class ClaheFilter : public ::testing::Test {
+ protected:
+  SoftwareFilterCLAHE filter_{pointFilter("FilterCLAHE", 1, 48, 48, 3, 3, 16)};
+};
+
+TEST_F(ClaheFilter, MatchesTheReferenceOnImagesWithPartialTiles) {
+  std::mt19937 gen(7);
+  struct Size {
+    int w, h;
+  };
+  for (Size const size : {Size{41, 41}, Size{100, 73}, Size{80, 80}, Size{123, 200}}) {
+    for (double clip : {0.25, 1.0, 2.0, 3.5}) {
+      std::vector<int16_t> const original = randomImage(size.w, size.h, gen);
+      auto source = makeImage(size.w, size.h, original);
+      auto target = std::make_shared<Buffer2DVector<RgbS16>>(size.w, size.h, true);
+      filter_.apply({source}, {{0, 0, size.w, size.h}}, {target}, {{0, 0, size.w, size.h}},
+                    clahe(clip));
+      std::vector<int16_t> want = original;
+      refClahe(want, size.w, size.h, std::max(1.0, clip), 0, 0);
+      SCOPED_TRACE(::testing::Message() << size.w << " x " << size.h << " clip " << clip);
+      // The source is equalised in place and the target is a copy of it.
+      ASSERT_EQ(samplesOf(*source), want);
+      ASSERT_EQ(samplesOf(*target), want);
+    }
+  }
+}
+
+TEST_F(ClaheFilter, SkipsTheFirstTileWhenTheDestinationStartsATileIn) {
+  std::mt19937 gen(8);
+  int const w = 123, h = 97;
+  std::vector<int16_t> const original = randomImage(w, h, gen);
+  auto source = makeImage(w, h, original);
+  auto target = std::make_shared<Buffer2DVector<RgbS16>>(w - 40, h - 40, true);
+  // Destination x - source x = -40 (wraps as unsigned), y difference 0: columns from 40 on.
+  filter_.apply({source}, {{40, 0, w - 40, h - 40}}, {target}, {{0, 0, w - 40, h - 40}},
+                clahe(2.0));
+  std::vector<int16_t> want = original;
+  refClahe(want, w, h, 2.0, 0, 40);
+  ASSERT_EQ(samplesOf(*source), want);
+  for (int y = 0; y < h - 40; ++y) {
+    for (int x = 0; x < w - 40; ++x) {
+      for (int ch = 0; ch < 3; ++ch) {
+        ASSERT_EQ(target->data()[y * (w - 40) + x][ch], want[3 * (y * w + x + 40) + ch])
+            << x << ", " << y << " channel " << ch;
+      }
+    }
+  }
+}
+
+TEST_F(ClaheFilter, PassesSmallSourcesThroughUnchanged) {
+  std::mt19937 gen(9);
+  struct Size {
+    int w, h;
+  };
+  for (Size const size : {Size{40, 90}, Size{90, 40}, Size{12, 7}}) {
+    std::vector<int16_t> const original = randomImage(size.w, size.h, gen);
+    auto source = makeImage(size.w, size.h, original);
+    auto target = std::make_shared<Buffer2DVector<RgbS16>>(size.w, size.h, true);
+    filter_.apply({source}, {{0, 0, size.w, size.h}}, {target}, {{0, 0, size.w, size.h}},
+                  clahe(2.0));
+    EXPECT_EQ(samplesOf(*source), original);
+    EXPECT_EQ(samplesOf(*target), original);
+  }
+}
+
+TEST_F(ClaheFilter, CopiesChannelsTwoAndThreeBitForBit) {
+  std::mt19937 gen(10);
+  std::vector<int16_t> const original = randomImage(100, 73, gen);
+  auto source = makeImage(100, 73, original);
+  auto target = std::make_shared<Buffer2DVector<RgbS16>>(100, 73, true);
+  filter_.apply({source}, {{0, 0, 100, 73}}, {target}, {{0, 0, 100, 73}}, clahe(3.0));
+  bool changed = false;
+  for (size_t i = 0; i < 100 * 73; ++i) {
+    ASSERT_EQ(target->data()[i][1], original[3 * i + 1]) << i;
+    ASSERT_EQ(target->data()[i][2], original[3 * i + 2]) << i;
+    ASSERT_GE(target->data()[i][0], 0);
+    ASSERT_LE(target->data()[i][0], 255);
+    changed |= target->data()[i][0] != original[3 * i];
+  }
+  EXPECT_TRUE(changed);
+}
+
+TEST_F(ClaheFilter, CopiesOnlyWhatTheBuffersHold) {
+  // Source of 30 x 20 (too small to equalise), so the copy alone is visible.
+  std::vector<int16_t> original(3 * 30 * 20);
+  for (size_t i = 0; i < original.size(); ++i) original[i] = static_cast<int16_t>(i);
+  RgbS16 const sentinel{{-7, -7, -7}};
+  struct Case {
+    Rect in, out;
+  };
+  Case const cases[] = {{{0, 0, 30, 20}, {5, 3, 100, 100}},
+                        {{-4, -2, 30, 20}, {0, 0, 30, 20}},
+                        {{25, 17, 30, 20}, {0, 0, 30, 20}},
+                        {{0, 0, 1000, 1000}, {-8, -9, 1000, 1000}}};
+  for (Case const& c : cases) {
+    auto source = makeImage(30, 20, original);
+    auto target = std::make_shared<Buffer2DVector<RgbS16>>(30, 20, true);
+    target->clear(sentinel);
+    filter_.apply({source}, {c.in}, {target}, {c.out}, clahe(1.0));
+    // Expected: clip the output to the target, move the input by what the output lost (as
+    // getValidRects does), then copy flat source indices, skipping negative row starts.
+    int const ox = std::max(c.out[0], 0), oy = std::max(c.out[1], 0);
+    int const ow = std::min(c.out[0] + c.out[2], 30) - ox;
+    int const oh = std::min(c.out[1] + c.out[3], 20) - oy;
+    int const ix = std::max(c.in[0], ox - c.out[0]), iy = std::max(c.in[1], oy - c.out[1]);
+    for (int y = 0; y < 20; ++y) {
+      for (int x = 0; x < 30; ++x) {
+        RgbS16 want = sentinel;
+        if (x >= ox && x < ox + ow && y >= oy && y < oy + oh) {
+          int64_t const rowStart = int64_t{iy + y - oy} * 30 + ix;
+          int64_t const index = rowStart + x - ox;
+          if (rowStart >= 0 && index < 600) {
+            want = {{original[3 * index], original[3 * index + 1], original[3 * index + 2]}};
+          }
+        }
+        ASSERT_EQ(target->data()[y * 30 + x], want) << "pixel " << x << ", " << y;
+      }
+    }
+  }
+}
+
+TEST_F(ClaheFilter, RejectsParametersOfAnotherClass) {
+  auto source = std::make_shared<Buffer2DVector<RgbS16>>(8, 8, true);
+  auto target = std::make_shared<Buffer2DVector<RgbS16>>(8, 8, true);
+  try {
+    filter_.apply({source}, {Rect{}}, {target}, {{0, 0, 8, 8}}, FilterEmptyParams::instance());
+    FAIL() << "no exception";
+  } catch (QuorvelException const& e) {
+    EXPECT_NE(std::string(e.what()).find("Filter parameters cast failed"), std::string::npos);
+  }
+}
+
+TEST(ClaheClipLimit, IsRoundedToFloatAndRaisedToOne) {
+  EXPECT_EQ(SoftwareFilterCLAHE::effectiveClipLimit(0.5), 1.0);
+  EXPECT_EQ(SoftwareFilterCLAHE::effectiveClipLimit(-3.0), 1.0);
+  EXPECT_EQ(SoftwareFilterCLAHE::effectiveClipLimit(2.0), 2.0);
+  EXPECT_EQ(SoftwareFilterCLAHE::effectiveClipLimit(1.1), static_cast<double>(1.1f));
+  EXPECT_NE(SoftwareFilterCLAHE::effectiveClipLimit(1.1), 1.1);
+  EXPECT_TRUE(std::isnan(SoftwareFilterCLAHE::effectiveClipLimit(std::nan(""))));
+  EXPECT_TRUE(std::isinf(SoftwareFilterCLAHE::effectiveClipLimit(1e300)));
+}
+
+TEST(Clahe, ClipLimitOneGivesLimitSixOnAFullTile) {
+  CLAHE c;
+  c.configure(40, 40, 1.0);
+  std::vector<uint32_t> h(256, 0);
+  h[3] = 1600;
+  EXPECT_EQ(c.clipHistogram(h.data(), 1600), 6u);
+  // Small tiles still clip at 1; a NaN limit clips nothing.
+  EXPECT_EQ(c.clipHistogram(h.data(), 10), 1u);
+  c.clipLimit = std::nan("");
+  std::vector<uint32_t> g(256, 0);
+  g[9] = 1600;
+  c.clipHistogram(g.data(), 1600);
+  EXPECT_EQ(g[9], 1600u);
+}
+
+TEST(Clahe, ConstantTileGivesARamp) {
+  CLAHE c;
+  c.configure(40, 40, 1.0);
+  std::vector<int16_t> samples(3 * 1600, 100);
+  c.computeMappings(samples.data());
+  // Every bin ends at the limit 6 (64 counts find no room), so bin b maps to 6 (b + 1) / 1600
+  // of the range.
+  for (size_t b = 0; b < 256; ++b) {
+    EXPECT_EQ(c.mappings[b], static_cast<uint32_t>(6.0 * (b + 1) * (255.0 / 1600))) << b;
+  }
+}
+
+TEST(Clahe, OutOfRangeSamplesLandInTheEndBins) {
+  CLAHE c;
+  c.configure(40, 40, 1e9);
+  EXPECT_EQ(c.sampleIndex(-1), 0u);
+  EXPECT_EQ(c.sampleIndex(-32768), 0u);
+  EXPECT_EQ(c.sampleIndex(256), 255u);
+  EXPECT_EQ(c.sampleIndex(32767), 255u);
+  EXPECT_EQ(c.sampleIndex(77), 77u);
+  std::vector<int16_t> samples(3 * 1600);
+  for (size_t i = 0; i < 1600; ++i) {
+    samples[3 * i] = static_cast<int16_t>(i % 2 ? 300 + i : -1 - static_cast<int>(i));
+  }
+  c.computeMappings(samples.data());
+  // Half the samples in bin 0 and half in bin 255, unclipped. The scale 255 / 1600 is
+  // rounded down in double, so the full count maps just short of 255 and truncates to 254.
+  EXPECT_EQ(c.mappings[0], 127u);
+  EXPECT_EQ(c.mappings[254], 127u);
+  EXPECT_EQ(c.mappings[255], 254u);
+}
+
+TEST(Clahe, InterpolatesExactlyLikeTheDoubleFormula) {
+  // Every numerator the packed path can meet, for each block area (20 or 40 on a side):
+  // scaled to the area 1600, the shift-multiply division equals the double formula.
+  for (uint32_t area : {400u, 800u, 1600u}) {
+    for (uint32_t num = 0; num <= 255 * area; ++num) {
+      auto const want = static_cast<uint32_t>(static_cast<double>(num) / area + 0.5);
+      ASSERT_EQ(clahe_detail::divideRounded1600(num * (1600 / area)), want) << num << " / " << area;
+    }
+  }
+  std::mt19937 gen(11);
+  // Mappings beyond one byte take the wide path; both must follow the formula.
+  for (uint32_t top : {255u, 40000u}) {
+    CLAHE c;
+    c.configure(100, 90, 2.0);
+    std::uniform_int_distribution<uint32_t> entry(0, top);
+    for (auto& m : c.mappings) m = entry(gen);
+    std::vector<int16_t> samples(3 * 100 * 90);
+    std::uniform_int_distribution<int> s(-10, 270);
+    for (auto& v : samples) v = static_cast<int16_t>(s(gen));
+    std::vector<int16_t> const before = samples;
+    c.interpolate(samples.data(), 3, 5, 1000, 1000);
+    for (int r = 0; r < 100; ++r) {
+      for (int col = 0; col < 90; ++col) {
+        size_t const at = 3 * (r * 90 + col);
+        if (r < 3 || col < 5) {
+          ASSERT_EQ(samples[at], before[at]);
+          continue;
+        }
+        int const i = (r + 20) / 40, k = (col + 20) / 40;
+        double const Y = i ? 40 : 20, X = k ? 40 : 20;
+        double const y = r - (i ? i * 40 - 20 : 0), x = col - (k ? k * 40 - 20 : 0);
+        int const up = i ? std::min(i - 1, 2) : 0, dn = std::min(i, 2);
+        int const lf = k ? std::min(k - 1, 2) : 0, rt = std::min(k, 2);
+        int const b = std::clamp<int>(before[at], 0, 255);
+        auto m = [&](int tr, int tc) { return double(c.mappings[(tr * 3 + tc) * 256 + b]); };
+        double const v = ((m(up, lf) * (X - x) + m(up, rt) * x) * (Y - y) +
+                          (m(dn, lf) * (X - x) + m(dn, rt) * x) * y) /
+                             (X * Y) +
+                         0.5;
+        ASSERT_EQ(samples[at], static_cast<int16_t>(static_cast<uint16_t>(v)))
+            << r << ", " << col << " top " << top;
+      }
+    }
+  }
+}
+
+}  // namespace
+}  // namespace quorvel

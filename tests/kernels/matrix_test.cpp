@@ -1,0 +1,244 @@
+#include "quorvel/kernels/display/matrix.hpp"
+
+#include <gtest/gtest.h>
+#include <hwy/targets.h>
+
+#include <cmath>
+#include <random>
+
+#include "filters/kernel_frame.hpp"
+
+namespace quorvel {
+namespace {
+
+using Matrix8 = SoftwareFilter3x3Matrix<uint8_t, uint8_t, 4>;
+using Matrix16 = SoftwareFilter3x3Matrix<int16_t, int16_t, 3>;
+
+// The documented arithmetic, step by step, in 64 bits with explicit 32-bit wrap-around.
+int32_t wrap32(int64_t v) {
+  return static_cast<int32_t>(static_cast<uint32_t>(static_cast<uint64_t>(v)));
+}
+
+std::array<int32_t, 9> referenceCoefficients(std::array<int32_t, 9> const& m, double scale) {
+  double const k = std::round(scale * 1024.0);
+  auto const k32 = static_cast<int32_t>(k);  // tests keep k inside int32
+  std::array<int32_t, 9> out{};
+  for (size_t i = 0; i < 9; ++i) out[i] = wrap32(int64_t{m[i]} * k32 + 512) >> 10;
+  return out;
+}
+
+std::array<int64_t, 3> referencePixel(std::array<int32_t, 9> const& mp, int32_t const* x,
+                                      int64_t lo, int64_t hi) {
+  std::array<int64_t, 3> out{};
+  for (size_t j = 0; j < 3; ++j) {
+    int64_t s = 0;
+    for (size_t i = 0; i < 3; ++i) {
+      int32_t const big = wrap32(int64_t{x[i]} * 1024);
+      s += wrap32(wrap32(int64_t{mp[3 * i + j]} * big) + 512) >> 10;
+    }
+    s = std::clamp(s, lo, hi);
+    out[j] = static_cast<int64_t>(std::round(static_cast<double>(s) * 0.0009765625));
+  }
+  return out;
+}
+
+Filter matrixDescription(bool sixteen) {
+  return sixteen ? pointFilter("Filter3x3Matrix16", 1, 48, 48, 3, 3, 16)
+                 : pointFilter("Filter3x3Matrix8", 1, 32, 32, 4, 4, 8);
+}
+
+template <class F>
+void forEachTarget(F&& body) {
+  auto const supported = static_cast<uint64_t>(hwy::SupportedTargets());
+  for (uint64_t bit = 1; bit != 0 && bit <= supported; bit <<= 1) {
+    if ((supported & bit) == 0) continue;
+    hwy::SetSupportedTargetsForTest(static_cast<int64_t>(bit));
+    hwy::GetChosenTarget().Update(hwy::SupportedTargets());
+    SCOPED_TRACE(hwy::TargetName(static_cast<int64_t>(bit)));
+    body();
+  }
+  hwy::SetSupportedTargetsForTest(0);
+  hwy::GetChosenTarget().Update(hwy::SupportedTargets());
+}
+
+// One pixel through the 8-bit filter.
+PixelRgba8 run8(PixelRgba8 pixel, std::array<int32_t, 9> m, double scale) {
+  Matrix8 filter(matrixDescription(false));
+  auto source = std::make_shared<Buffer2DVector<PixelRgba8>>(1, 1, true);
+  auto target = std::make_shared<Buffer2DVector<PixelRgba8>>(1, 1, true);
+  source->data()[0] = pixel;
+  Filter3x3MatrixParams p;
+  p.matrix = m;
+  p.scale = scale;
+  filter.apply({source}, {{}}, {target}, {{0, 0, 1, 1}}, p);
+  return target->data()[0];
+}
+
+PixelRgbS16 run16(PixelRgbS16 pixel, std::array<int32_t, 9> m, double scale) {
+  Matrix16 filter(matrixDescription(true));
+  auto source = std::make_shared<Buffer2DVector<PixelRgbS16>>(1, 1, true);
+  auto target = std::make_shared<Buffer2DVector<PixelRgbS16>>(1, 1, true);
+  source->data()[0] = pixel;
+  Filter3x3MatrixParams p;
+  p.matrix = m;
+  p.scale = scale;
+  filter.apply({source}, {{}}, {target}, {{0, 0, 1, 1}}, p);
+  return target->data()[0];
+}
+
+constexpr std::array<int32_t, 9> kIdentity = {1024, 0, 0, 0, 1024, 0, 0, 0, 1024};
+
+TEST(Matrix3x3, DocumentedExamples) {
+  EXPECT_EQ(run8({1, 128, 255, 77}, kIdentity, 1.0), (PixelRgba8{1, 128, 255, 77}));
+  EXPECT_EQ(run16({-2048, 0, 2047}, kIdentity, 1.0), (PixelRgbS16{-2048, 0, 2047}));
+  // From |x| = 2048 the 16-bit products m' * x * 1024 wrap in 32 bits, leaving the low 22
+  // bits of m' * x: 1024 * 32767 wraps to -1024, -32768 * 1024 to 0. So 16-bit sums stay
+  // within 3 * 2^21 and never reach the clamp.
+  EXPECT_EQ(run16({-32768, 0, 32767}, kIdentity, 1.0), (PixelRgbS16{0, 0, -1}));
+  // Coefficient 512: 255 gives 130560 in Q10, round(127.5) = 128.
+  EXPECT_EQ(run8({255, 3, 1, 9}, kIdentity, 0.5), (PixelRgba8{128, 2, 1, 9}));
+  EXPECT_EQ(run16({255, -3, -1}, kIdentity, 0.5), (PixelRgbS16{128, -2, -1}));
+  // Negative and overflowing sums clamp.
+  constexpr std::array<int32_t, 9> kNegate = {-1024, 0, 0, 0, 4096, 0, 0, 0, 1024};
+  EXPECT_EQ(run8({10, 200, 5, 1}, kNegate, 1.0), (PixelRgba8{0, 255, 5, 1}));
+  EXPECT_EQ(run16({1000, 255, 5}, kNegate, 2.0), (PixelRgbS16{-2000, 2040, 10}));
+  // scale * 1024 below 0.5 zeroes every coefficient; alpha stays.
+  EXPECT_EQ(run8({255, 255, 255, 200}, kIdentity, 0.00048), (PixelRgba8{0, 0, 0, 200}));
+  EXPECT_EQ(run16({-5, 32767, 7}, kIdentity, 0.0004), (PixelRgbS16{0, 0, 0}));
+  // Every input channel feeds output 0 at 0.5: 1536 in Q10 rounds to 2, -1536 to -2.
+  constexpr std::array<int32_t, 9> kHalves = {512, 0, 0, 512, 0, 0, 512, 0, 0};
+  EXPECT_EQ(run16({1, 1, 1}, kHalves, 1.0)[0], 2);
+  EXPECT_EQ(run16({-1, -1, -1}, kHalves, 1.0)[0], -2);
+}
+
+TEST(Matrix3x3, ScaledCoefficientsWrapAndRoundHalfAway) {
+  std::array<int32_t, 9> const m = {1, -1, 1023, -1023, 2147483647, -2147483647, 513, 511, 0};
+  for (double scale : {1.0, 0.5, -0.5, 2.5, -3.0, 1000.0, 0.0004882812}) {
+    EXPECT_EQ(matrix_detail::scaledCoefficients(m, scale), referenceCoefficients(m, scale))
+        << "scale " << scale;
+  }
+  // k = round(0.5) = 1 (half away from zero), and round(-0.5) = -1.
+  EXPECT_EQ(matrix_detail::scaledCoefficients(kIdentity, 0.5 / 1024)[0], (1024 + 512) >> 10);
+  EXPECT_EQ(matrix_detail::scaledCoefficients(kIdentity, -0.5 / 1024)[0], (-1024 + 512) >> 10);
+  // NaN or an out-of-range k converts like the hardware: INT32_MIN.
+  EXPECT_EQ(matrix_detail::scaledCoefficients(kIdentity, std::nan(""))[0],
+            static_cast<int32_t>(static_cast<uint32_t>(INT32_MIN) * 1024u + 512u) >> 10);
+}
+
+TEST(Matrix3x3, WrongParametersFail) {
+  Matrix8 filter(matrixDescription(false));
+  auto buffer = std::make_shared<Buffer2DVector<PixelRgba8>>(2, 2, true);
+  try {
+    filter.apply({buffer}, {{}}, {buffer}, {{0, 0, 2, 2}}, FilterClaheParams{});
+    FAIL() << "no exception";
+  } catch (QuorvelException const& e) {
+    EXPECT_STREQ(e.what(),
+                 "#Name:Filter parameters cast failed#Location:T& SingleFilterParameters::as<T>()");
+  }
+}
+
+// Random matrices (small, and large enough to wrap), random images and rectangles, against
+// the step-by-step reference; pixels outside the output rectangle keep the sentinel.
+template <class P, class FilterT>
+void checkRandom(uint32_t seed) {
+  constexpr bool kSixteen = std::is_same_v<P, PixelRgbS16>;
+  constexpr int64_t kLo = kSixteen ? -33554432 : 0, kHi = kSixteen ? 33553408 : 261120;
+  using C = typename P::value_type;
+  std::mt19937 rng(seed);
+  FilterT filter(matrixDescription(kSixteen));
+  P const sentinel = kSixteen ? P{C(0x1234), C(-0x2345), C(0x3456)} : P{};
+  for (int round = 0; round < 40; ++round) {
+    Filter3x3MatrixParams params;
+    int32_t const range = round % 3 == 0 ? 2147483647 : (round % 3 == 1 ? 20000 : 3000);
+    std::uniform_int_distribution<int32_t> coefficient(-range, range);
+    for (auto& c : params.matrix) c = coefficient(rng);
+    params.scale = std::uniform_real_distribution<double>(-3.0, 3.0)(rng);
+    std::array<int32_t, 9> const mp = referenceCoefficients(params.matrix, params.scale);
+
+    std::uniform_int_distribution<size_t> dim(1, 80);
+    size_t const w = dim(rng), h = dim(rng) / 4 + 1, tw = dim(rng), th = dim(rng) / 4 + 1;
+    auto source = std::make_shared<Buffer2DVector<P>>(w, h, true);
+    std::uniform_int_distribution<int> sample(std::numeric_limits<C>::min(),
+                                              std::numeric_limits<C>::max());
+    for (size_t i = 0; i < w * h; ++i) {
+      for (auto& c : source->data()[i]) c = static_cast<C>(sample(rng));
+    }
+    auto target = std::make_shared<Buffer2DVector<P>>(tw, th, true);
+    if constexpr (!kSixteen) {
+      target->clear({0xA5, 0x5A, 0xC3, 0x3C});
+    } else {
+      target->clear(sentinel);
+    }
+    P const fill = target->data()[0];
+    std::uniform_int_distribution<int> ox(-3, static_cast<int>(tw)), oy(-2, static_cast<int>(th));
+    std::uniform_int_distribution<int> ix(-2, static_cast<int>(w)), iy(-2, static_cast<int>(h));
+    std::uniform_int_distribution<int> size(1, 80);
+    std::vector<int> inRect{ix(rng), iy(rng), size(rng), size(rng)};
+    std::vector<int> outRect{ox(rng), oy(rng), size(rng), size(rng)};
+    if (round % 4 == 0) {  // whole rows, so that every round of vector blocks runs
+      inRect = {0, 0, static_cast<int>(w), static_cast<int>(h)};
+      outRect = {0, 0, static_cast<int>(tw), static_cast<int>(th)};
+    }
+    std::vector<int> clipped;
+    if (!SoftwareFilter::intersect(outRect, target->rect(), clipped)) {
+      EXPECT_THROW(filter.apply({source}, {inRect}, {target}, {outRect}, params), QuorvelException);
+      continue;
+    }
+    filter.apply({source}, {inRect}, {target}, {outRect}, params);
+    kernel::Span const s = kernel::validSpan(inRect, *source, outRect, *target);
+    for (size_t y = 0; y < th; ++y) {
+      for (size_t x = 0; x < tw; ++x) {
+        P expected = fill;
+        int64_t const dx = static_cast<int64_t>(x) - s.outX, dy = static_cast<int64_t>(y) - s.outY;
+        if (dx >= 0 && dy >= 0 && dx < s.width && dy < s.height) {
+          P const& p = source->data()[(s.inY + dy) * static_cast<int64_t>(w) + s.inX + dx];
+          int32_t const xs[3] = {p[0], p[1], p[2]};
+          auto const o = referencePixel(mp, xs, kLo, kHi);
+          for (size_t c = 0; c < 3; ++c) expected[c] = static_cast<C>(o[c]);
+          if constexpr (!kSixteen) expected[3] = p[3];
+        }
+        P const got = target->data()[y * tw + x];
+        ASSERT_EQ(got, expected) << "pixel " << x << "," << y << " round " << round << " range "
+                                 << range;
+      }
+    }
+  }
+}
+
+TEST(Matrix3x3, MatchesReferenceOnRandomImages8) { checkRandom<PixelRgba8, Matrix8>(21); }
+TEST(Matrix3x3, MatchesReferenceOnRandomImages16) { checkRandom<PixelRgbS16, Matrix16>(22); }
+
+TEST(Matrix3x3, VectorFormsEqualScalarOnEveryTarget) {
+  std::mt19937 rng(5);
+  size_t const maxWidth = 200;
+  std::vector<uint8_t> rgba(4 * maxWidth);
+  for (auto& v : rgba) v = static_cast<uint8_t>(rng());
+  std::vector<int16_t> rgb(3 * maxWidth);
+  for (auto& v : rgb) v = static_cast<int16_t>(rng());
+  // Extremes first so short widths see them too.
+  rgb[0] = -32768, rgb[1] = 32767, rgb[2] = -1;
+  std::vector<std::array<int32_t, 9>> matrices = {kIdentity};
+  for (int32_t range : {2048, 9000, 1 << 20, 2147483647}) {
+    std::array<int32_t, 9> m{};
+    for (auto& c : m) c = std::uniform_int_distribution<int32_t>(-range, range)(rng);
+    matrices.push_back(m);
+  }
+  forEachTarget([&] {
+    for (auto const& m : matrices) {
+      for (size_t width : {size_t{0}, size_t{1}, size_t{3}, size_t{4}, size_t{5}, size_t{8},
+                           size_t{9}, size_t{16}, size_t{17}, size_t{33}, size_t{65}, maxWidth}) {
+        std::vector<uint8_t> want8(4 * width + 4, 0xEE), got8(want8);
+        matrix_detail::applyMatrixRgba8Scalar(m.data(), rgba.data(), want8.data(), width);
+        matrix_detail::applyMatrixRgba8(m.data(), rgba.data(), got8.data(), width);
+        ASSERT_EQ(got8, want8) << "width " << width;
+        std::vector<int16_t> want16(3 * width + 3, 0x7777), got16(want16);
+        matrix_detail::applyMatrixRgbS16Scalar(m.data(), rgb.data(), want16.data(), width);
+        matrix_detail::applyMatrixRgbS16(m.data(), rgb.data(), got16.data(), width);
+        ASSERT_EQ(got16, want16) << "width " << width;
+      }
+    }
+  });
+}
+
+}  // namespace
+}  // namespace quorvel
