@@ -11,9 +11,9 @@ int main() {
     SoftwareRenderBackend backend(RenderBackend::ImageFormatType::kRgba8, 64 << 20);
     auto instance = backend.createInstance(context);
 
-    size_t const target = instance->createTarget({256, 256}, 32, false,
-                                                 RenderBackend::ImageFiltering::kLinear,
-                                                 RenderBackend::ImageFormatType::kRgba8);
+    size_t const target =
+        instance->createTarget({256, 256}, 32, false, RenderBackend::ImageFiltering::kLinear,
+                               RenderBackend::ImageFormatType::kRgba8);
     instance->clear(target, {32, 32, 48, 255});
 
     // One 128x128 RGBA tile with a gradient, drawn at (64, 64) through the 4x8 blit.
@@ -27,16 +27,16 @@ int main() {
     instance->setTile(1, tile, {128, 128, 4}, 0);
     Filter blit = pointFilter("BlitFilter4x8");
     blit.instantiate(instance);
-    instance->drawTiles(target, blit, {0, 128, 0, 128}, {0, 128, 0, 128}, {128, 128}, {{0, 0}},
-                        {1}, {64, 64});
+    instance->drawTiles(target, blit, {0, 128, 0, 128}, {0, 128, 0, 128}, {128, 128}, {{0, 0}}, {1},
+                        {64, 64});
     instance->finalizeDrawSequence();
 
     std::vector<unsigned char> pixels = instance->getPixels(target, {0, 256, 0, 256});
     auto at = [&](size_t x, size_t y) { return &pixels[(y * 256 + x) * 4]; };
     std::printf("background (0,0): %u %u %u %u\n", at(0, 0)[0], at(0, 0)[1], at(0, 0)[2],
                 at(0, 0)[3]);
-    std::printf("tile (64+10, 64+20): %u %u %u %u\n", at(74, 84)[0], at(74, 84)[1],
-                at(74, 84)[2], at(74, 84)[3]);
+    std::printf("tile (64+10, 64+20): %u %u %u %u\n", at(74, 84)[0], at(74, 84)[1], at(74, 84)[2],
+                at(74, 84)[3]);
     bool const ok = at(0, 0)[0] == 32 && at(74, 84)[0] == 20 && at(74, 84)[1] == 40;
     std::printf("%s\n", ok ? "read back as drawn" : "unexpected pixels");
     return ok ? 0 : 1;

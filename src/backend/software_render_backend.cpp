@@ -66,7 +66,8 @@ constexpr size_t kEnvelopeEntryCost = 112;
 int32_t wrap32(uint64_t v) { return static_cast<int32_t>(static_cast<uint32_t>(v)); }
 
 size_t saturatingMul(size_t a, size_t b) {
-  if (a != 0 && b > std::numeric_limits<size_t>::max() / a) return std::numeric_limits<size_t>::max();
+  if (a != 0 && b > std::numeric_limits<size_t>::max() / a)
+    return std::numeric_limits<size_t>::max();
   return a * b;
 }
 
@@ -146,8 +147,7 @@ SoftwareRenderBackend::SoftwareRenderBackend(SoftwareFilterFactory const& factor
 }
 
 SoftwareRenderBackend::SoftwareRenderBackend(SoftwareRenderBackend&&) noexcept = default;
-SoftwareRenderBackend& SoftwareRenderBackend::operator=(SoftwareRenderBackend&&) noexcept =
-    default;
+SoftwareRenderBackend& SoftwareRenderBackend::operator=(SoftwareRenderBackend&&) noexcept = default;
 SoftwareRenderBackend::~SoftwareRenderBackend() = default;
 
 std::shared_ptr<RenderBackendInstance> SoftwareRenderBackend::createInstance(
@@ -224,8 +224,8 @@ size_t SoftwareRenderBackendInstance::createTarget(std::vector<size_t> const& si
   size_t const width = size.size() > 0 ? size[0] : 0, height = size.size() > 1 ? size[1] : 0;
   auto buffer = makeTargetBuffer(bits, isSigned, width, height);
   if (!buffer) {
-    throw QuorvelException("cannot instantiate a buffer with the required bit depth",
-                           kCreateTarget, "requested bits=[" + std::to_string(bits) + "]");
+    throw QuorvelException("cannot instantiate a buffer with the required bit depth", kCreateTarget,
+                           "requested bits=[" + std::to_string(bits) + "]");
   }
   renderer_->setTarget(id, std::make_shared<BufferProxy>(std::move(buffer), id, false));
   return id;
@@ -340,7 +340,8 @@ void SoftwareRenderBackendInstance::setTile(size_t tile, std::vector<unsigned ch
     slot = sameKind(*slot);
   }
   slot->setPixels(pixels.data(), pixels.size(), offset);
-  size_t const cost = size.size() >= 3 ? saturatingMul(saturatingMul(size[0], size[1]), size[2]) : 1;
+  size_t const cost =
+      size.size() >= 3 ? saturatingMul(saturatingMul(size[0], size[1]), size[2]) : 1;
   tileCache_->map.setCost(key, cost);
 }
 
@@ -449,8 +450,10 @@ void SoftwareRenderBackendInstance::executeFilter(
   if (!kernel) throw QuorvelException(notAvailable(filter), kExecuteFilter);
   auto target = requireTarget(destination, kExecuteFilter);
 
-  uint64_t const outW = uint64_t{inputW} * kernel->scaleXNum() / std::max<size_t>(kernel->scaleXDen(), 1);
-  uint64_t const outH = uint64_t{inputH} * kernel->scaleYNum() / std::max<size_t>(kernel->scaleYDen(), 1);
+  uint64_t const outW =
+      uint64_t{inputW} * kernel->scaleXNum() / std::max<size_t>(kernel->scaleXDen(), 1);
+  uint64_t const outH =
+      uint64_t{inputH} * kernel->scaleYNum() / std::max<size_t>(kernel->scaleYDen(), 1);
   uint64_t const left = kernel->invalidLeft(), right = kernel->invalidRight();
   uint64_t const top = kernel->invalidTop(), bottom = kernel->invalidBottom();
   uint64_t const offX = offset.size() > 0 ? offset[0] : 0, offY = offset.size() > 1 ? offset[1] : 0;
@@ -468,7 +471,8 @@ void SoftwareRenderBackendInstance::executeFilter(
     if (source.whole) {
       job.inputRects.push_back(proxy->buffer()->rect());
     } else {
-      job.inputRects.push_back({wrap32(source.x), wrap32(source.y), wrap32(inputW), wrap32(inputH)});
+      job.inputRects.push_back(
+          {wrap32(source.x), wrap32(source.y), wrap32(inputW), wrap32(inputH)});
     }
     job.sources.push_back(std::move(proxy));
   }
@@ -492,7 +496,8 @@ void SoftwareRenderBackendInstance::drawTiles(size_t target, Filter const& tileS
   auto proxy = requireTarget(target, kDrawTiles);
   auto kernel = findFilter(tileShader);
   if (!kernel) throw QuorvelException(notAvailable(tileShader), kDrawTiles);
-  if (range.size() < 3 || canvasRange.size() < 3) throw QuorvelException("Invalid range", kDrawTiles);
+  if (range.size() < 3 || canvasRange.size() < 3)
+    throw QuorvelException("Invalid range", kDrawTiles);
   if (tileSize.size() < 2) throw QuorvelException("Invalid tile size", kDrawTiles);
   if (blockCoords.size() < blocks.size() ||
       std::any_of(blockCoords.begin(), blockCoords.begin() + static_cast<long>(blocks.size()),

@@ -27,8 +27,8 @@ void Buffer2DVector<P>::setPixels(void const* buffer, size_t bufferSize, size_t 
 }
 
 template <class P>
-void Buffer2DVector<P>::getPixels(void* buffer, size_t bufferSize, size_t x, size_t y,
-                                  size_t width, size_t height) const {
+void Buffer2DVector<P>::getPixels(void* buffer, size_t bufferSize, size_t x, size_t y, size_t width,
+                                  size_t height) const {
   if (x + width < x || x + width > width_ || y + height < y || y + height > height_) {
     throw QuorvelException(kOutOfBounds, kGetPixels);
   }
@@ -55,8 +55,7 @@ void Buffer2DVector<P>::clear(P const& color) {
 }
 
 template <class P>
-void Buffer2DVector<P>::clearRect(P const& color, size_t x, size_t y, size_t width,
-                                  size_t height) {
+void Buffer2DVector<P>::clearRect(P const& color, size_t x, size_t y, size_t width, size_t height) {
   // Signed 32-bit intersection with inclusive right and bottom edges; the edges are formed
   // in 64 bits so that a huge rectangle cannot wrap around onto the buffer.
   int64_t const x1 = static_cast<int32_t>(x), y1 = static_cast<int32_t>(y);

@@ -26,8 +26,7 @@ std::string valueAt(std::string const& text, size_t start) {
 
 QuorvelException::QuorvelException(std::string const& message) : std::runtime_error(message) {}
 
-QuorvelException::QuorvelException(Composed, std::string const& text)
-    : std::runtime_error(text) {}
+QuorvelException::QuorvelException(Composed, std::string const& text) : std::runtime_error(text) {}
 
 QuorvelException::QuorvelException(std::string const& name, std::string const& location)
     : std::runtime_error(tagged(name, location)) {}
@@ -36,14 +35,13 @@ QuorvelException::QuorvelException(std::string const& name, std::string const& l
                                    std::string const& description)
     : std::runtime_error(tagged(name, location) + "#Description:" + description) {}
 
-QuorvelException::QuorvelException(std::string const& name, std::string const& location,
-                                   int errnum)
+QuorvelException::QuorvelException(std::string const& name, std::string const& location, int errnum)
     : std::runtime_error(tagged(name, location) + "#Errno:" + std::to_string(errnum)) {}
 
 QuorvelException::QuorvelException(std::string const& name, std::string const& location,
                                    std::string const& description, int errnum)
-    : std::runtime_error(tagged(name, location) + "#Description:" + description + "#Errno:" +
-                         std::to_string(errnum)) {}
+    : std::runtime_error(tagged(name, location) + "#Description:" + description +
+                         "#Errno:" + std::to_string(errnum)) {}
 
 QuorvelIOException::QuorvelIOException(std::string const& name, std::string const& location,
                                        std::string const& streamName, int errnum)
@@ -54,11 +52,11 @@ QuorvelIOException::QuorvelIOException(std::string const& name, std::string cons
                                        std::string const& streamName,
                                        std::string const& description, int errnum)
     : QuorvelException(Composed{}, tagged(name, location) + "#StreamName:" + streamName +
-                                       "#Description:" + description + "#Errno:" +
-                                       std::to_string(errnum)) {}
+                                       "#Description:" + description +
+                                       "#Errno:" + std::to_string(errnum)) {}
 
-QuorvelRangeException::QuorvelRangeException(std::string const& name,
-                                             std::string const& location, uint64_t value)
+QuorvelRangeException::QuorvelRangeException(std::string const& name, std::string const& location,
+                                             uint64_t value)
     : QuorvelException(name, location), value_(value), location_(location) {}
 
 QuorvelPropertyNotSetException::QuorvelPropertyNotSetException(std::string const& name,

@@ -49,14 +49,13 @@ void requireRange(std::vector<size_t> const& range, char const* location) {
 
 }  // namespace
 
-Filter::Filter(std::string const& name, size_t invalidLeft, size_t invalidRight,
-               size_t invalidTop, size_t invalidBottom, size_t inputPosX0,
-               size_t inputPosXStride, size_t inputPosY0, size_t inputPosYStride,
-               size_t scaleXNum, size_t scaleXDen, size_t scaleYNum, size_t scaleYDen,
-               size_t numTexturesIn, size_t bitsPerPixelIn, size_t bitsPerPixelOut,
-               size_t componentsIn, size_t componentsOut, size_t alignXIn, size_t alignXOut,
-               size_t alignYIn, size_t alignYOut, std::vector<bool> signedIn, bool signedOut,
-               size_t bitDepthIn, RenderBackend::ImageFiltering filtering)
+Filter::Filter(std::string const& name, size_t invalidLeft, size_t invalidRight, size_t invalidTop,
+               size_t invalidBottom, size_t inputPosX0, size_t inputPosXStride, size_t inputPosY0,
+               size_t inputPosYStride, size_t scaleXNum, size_t scaleXDen, size_t scaleYNum,
+               size_t scaleYDen, size_t numTexturesIn, size_t bitsPerPixelIn,
+               size_t bitsPerPixelOut, size_t componentsIn, size_t componentsOut, size_t alignXIn,
+               size_t alignXOut, size_t alignYIn, size_t alignYOut, std::vector<bool> signedIn,
+               bool signedOut, size_t bitDepthIn, RenderBackend::ImageFiltering filtering)
     : name_(name),
       invalidLeft_(invalidLeft),
       invalidRight_(invalidRight),
@@ -97,8 +96,7 @@ Filter::Filter(std::string const& name, size_t invalidLeft, size_t invalidRight,
   inputStepX_ = inputPosXStride < alignXIn ? alignXIn : inputPosXStride;
   inputStepY_ = inputPosYStride < alignYIn ? alignYIn : inputPosYStride;
   if (signedIn_.size() != numTexturesIn) {
-    throw QuorvelException("signed vector size does not match number of input textures",
-                           kCtorLong);
+    throw QuorvelException("signed vector size does not match number of input textures", kCtorLong);
   }
 }
 

@@ -36,8 +36,7 @@ std::string FilterBlackWhiteGamma8Params::key() const {
   return gammaKey(gamma, blackPoint, whitePoint);
 }
 
-std::string ProcessingParameters::makeKey(std::string const& filtername,
-                                          size_t filterInstanceId) {
+std::string ProcessingParameters::makeKey(std::string const& filtername, size_t filterInstanceId) {
   return filtername + "_#" + std::to_string(filterInstanceId);
 }
 
@@ -59,8 +58,8 @@ SingleFilterParameters& ProcessingParameters::getParameters(std::string const& k
   return *it->second;
 }
 
-SingleFilterParameters const& ProcessingParameters::findParameters(
-    std::string const& filtername, size_t filterInstanceId) const {
+SingleFilterParameters const& ProcessingParameters::findParameters(std::string const& filtername,
+                                                                   size_t filterInstanceId) const {
   auto it = parameters_.find(makeKey(filtername, filterInstanceId));
   if (it == parameters_.end() || !it->second) return FilterEmptyParams::instance();
   return *it->second;

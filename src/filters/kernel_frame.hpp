@@ -49,7 +49,11 @@ struct Span {
 inline Span fitSpan(std::vector<int> const& in, Buffer2D const& source, std::vector<int> const& out,
                     Buffer2D const& target) {
   auto f = [](std::vector<int> const& r, size_t i) -> int64_t { return i < r.size() ? r[i] : 0; };
-  Span s{f(in, 0), f(in, 1), f(out, 0), f(out, 1), std::min(f(in, 2), f(out, 2)),
+  Span s{f(in, 0),
+         f(in, 1),
+         f(out, 0),
+         f(out, 1),
+         std::min(f(in, 2), f(out, 2)),
          std::min(f(in, 3), f(out, 3))};
   // Move both origins right/down past any negative coordinate of either rectangle.
   int64_t const skipX = std::max<int64_t>({0, -s.inX, -s.outX});

@@ -84,8 +84,9 @@ std::vector<DataEnvelopes::Rect> DataEnvelopes::intersecting(Rect const& region)
   std::vector<Rect> result;
   result.reserve(hits.size());
   for (auto const& hit : hits) {
-    result.push_back(Rect{bg::get<bg::min_corner, 0>(hit.first), bg::get<bg::max_corner, 0>(hit.first),
-                          bg::get<bg::min_corner, 1>(hit.first), bg::get<bg::max_corner, 1>(hit.first)});
+    result.push_back(
+        Rect{bg::get<bg::min_corner, 0>(hit.first), bg::get<bg::max_corner, 0>(hit.first),
+             bg::get<bg::min_corner, 1>(hit.first), bg::get<bg::max_corner, 1>(hit.first)});
   }
   return result;
 }

@@ -1,7 +1,6 @@
-#include "quorvel/backend/software_render_backend.hpp"
-
 #include <gtest/gtest.h>
 
+#include "quorvel/backend/software_render_backend.hpp"
 #include "support/backend_fixture.hpp"
 #include "support/test_util.hpp"
 
@@ -49,7 +48,6 @@ TEST_F(Backend, LifecycleSharesObjectsAndNeverReusesInstanceIds) {
   EXPECT_EQ(static_cast<SoftwareRenderBackendInstance&>(*third).id(), 2u);
   // A fresh generation: only the context's own target exists.
   EXPECT_EQ(third->createTarget({1, 1}, 8, false, Filtering::kNone, Format::kRgb8), 1u);
-
 }
 
 TEST(BackendLifecycle, ForeignContextIsRefusedWithoutUsingAnId) {
@@ -78,7 +76,9 @@ TEST_F(Backend, TargetIdsBitDepthsAndConstantQueries) {
       EXPECT_EQ(instance_->getPixelsBufferSize(t, {0, 1, 0, 1}), bits / 8);
     }
   }
-  EXPECT_EQ(failureOf([&] { instance_->createTarget({2, 2}, 64, false, Filtering::kNone, Format::kRgb8); }),
+  EXPECT_EQ(failureOf([&] {
+              instance_->createTarget({2, 2}, 64, false, Filtering::kNone, Format::kRgb8);
+            }),
             "#Name:cannot instantiate a buffer with the required bit depth#Location:size_t "
             "SoftwareRenderBackendInstance::createTarget(std::vector<size_t> const& size, size_t "
             "bits, ImageFiltering filter, ImageFormatType format)#Description:requested "
@@ -99,12 +99,18 @@ TEST_F(Backend, ClearsReadBackAndChecksArgumentsWithTheirOwnTexts) {
     }
   }
   EXPECT_EQ(failureOf([&] { instance_->clear(t, {1, 2}); }), tagged("Invalid color", kClear));
-  EXPECT_EQ(failureOf([&] { instance_->clearRect(t, {1, 2, 3}, {0, 1, 0, 1}); }),
+  EXPECT_EQ(failureOf([&] {
+              instance_->clearRect(t, {1, 2, 3}, {0, 1, 0, 1});
+            }),
             tagged("Invalid color", kClear));
-  EXPECT_EQ(failureOf([&] { instance_->clearRect(t, {1, 2, 3, 4}, {0, 1, 0}); }),
+  EXPECT_EQ(failureOf([&] {
+              instance_->clearRect(t, {1, 2, 3, 4}, {0, 1, 0});
+            }),
             tagged("Invalid rectangle", kClear));
   EXPECT_EQ(failureOf([&] { instance_->clear(99, {1}); }), tagged("Target does not exist", kClear));
-  EXPECT_EQ(failureOf([&] { instance_->clearRect(98, {1, 2, 3, 4}, {0, 1, 0, 1}); }),
+  EXPECT_EQ(failureOf([&] {
+              instance_->clearRect(98, {1, 2, 3, 4}, {0, 1, 0, 1});
+            }),
             tagged("Target does not exist",
                    "void SoftwareRenderBackend::Instance::clearRect(size_t target, "
                    "std::vector<size_t> const& color,std::vector<size_t> const& rect)"));
@@ -112,7 +118,9 @@ TEST_F(Backend, ClearsReadBackAndChecksArgumentsWithTheirOwnTexts) {
   EXPECT_EQ(instance_->createTarget({1, 1}, 8, false, Filtering::kNone, Format::kRgb8), 100u);
 
   std::vector<unsigned char> small(4 * 3 * 4 - 1);
-  EXPECT_EQ(failureOf([&] { instance_->getPixels(small.data(), small.size(), t, {0, 4, 0, 3}); }),
+  EXPECT_EQ(failureOf([&] {
+              instance_->getPixels(small.data(), small.size(), t, {0, 4, 0, 3});
+            }),
             tagged("buffer too small",
                    "size_t SoftwareRenderBackend::Instance::getPixels(void* buffer, size_t n, "
                    "size_t target, std::vector<size_t> const& rect) const"));
@@ -147,7 +155,8 @@ TEST_F(Backend, DrawsAGridOfTilesWithMissingOnesBlanked) {
       if (gx >= 0 && gx < 6 && gy >= 0 && gy < 4) {
         size_t const tile = size_t(gx / 3 + 2 * (gy / 2));
         size_t const i = size_t(gx % 3 + 3 * (gy % 2));
-        expected = tile == 3 ? PixelRgba8{0, 0, 0, 0} : PixelRgba8{uint8_t(tile), uint8_t(i), 0, 255};
+        expected =
+            tile == 3 ? PixelRgba8{0, 0, 0, 0} : PixelRgba8{uint8_t(tile), uint8_t(i), 0, 255};
       }
       EXPECT_EQ(pixels[y * 8 + x], expected) << x << "," << y;
     }
@@ -171,11 +180,17 @@ TEST_F(Backend, DrawTilesChecksBeforeQueueingAnything) {
   size_t const t = instance_->createTarget({4, 4}, 32, false, Filtering::kNone, Format::kRgba8);
   auto blit = filter("BlitFilter4x8");
   Filter stranger = pointFilter("BlitFilter4x8");
-  EXPECT_EQ(failureOf([&] { instance_->drawTiles(50, *blit, {0, 4, 0, 4}, {0, 4, 0, 4}, {2, 2}, {}, {}, {}); }),
+  EXPECT_EQ(failureOf([&] {
+              instance_->drawTiles(50, *blit, {0, 4, 0, 4}, {0, 4, 0, 4}, {2, 2}, {}, {}, {});
+            }),
             tagged("Target does not exist", kDrawTiles));
-  EXPECT_EQ(failureOf([&] { instance_->drawTiles(t, stranger, {0, 4, 0, 4}, {0, 4, 0, 4}, {2, 2}, {}, {}, {}); }),
+  EXPECT_EQ(failureOf([&] {
+              instance_->drawTiles(t, stranger, {0, 4, 0, 4}, {0, 4, 0, 4}, {2, 2}, {}, {}, {});
+            }),
             tagged("Instance for Filter <BlitFilter4x8> not available", kDrawTiles));
-  EXPECT_NE(failureOf([&] { instance_->drawTiles(t, *blit, {0, 4, 0, 4}, {0, 4, 0, 4}, {2, 2}, {{0}}, {0}, {}); }),
+  EXPECT_NE(failureOf([&] {
+              instance_->drawTiles(t, *blit, {0, 4, 0, 4}, {0, 4, 0, 4}, {2, 2}, {{0}}, {0}, {});
+            }),
             "no exception");
   EXPECT_TRUE(instance_->targetReady(t));
 }
@@ -191,9 +206,10 @@ TEST_F(Backend, FilterInstancesTakeTheSmallestFreeIdAndDestroyOnlyOnce) {
   Filter c = pointFilter("BlitFilter4x8");
   instance_->createFilterInstance(c);
   EXPECT_EQ(*c.implementation(), 0u);
-  EXPECT_EQ(failureOf([&] { instance_->destroyFilterInstance(b), instance_->destroyFilterInstance(b); }),
-            tagged("Instance for Filter <BlitFilter3x16> not available",
-                   "void SoftwareRenderBackend::Instance::destroyFilterInstance(Filter& filter)"));
+  EXPECT_EQ(
+      failureOf([&] { instance_->destroyFilterInstance(b), instance_->destroyFilterInstance(b); }),
+      tagged("Instance for Filter <BlitFilter3x16> not available",
+             "void SoftwareRenderBackend::Instance::destroyFilterInstance(Filter& filter)"));
   Filter unknown = pointFilter("NoSuchFilter");
   EXPECT_EQ(failureOf([&] { instance_->createFilterInstance(unknown); }),
             tagged("Filter <NoSuchFilter> not available",

@@ -42,9 +42,13 @@ TEST_F(Envelopes, StoreReplaceLockAndEvict) {
   EXPECT_EQ(software().envelopeCacheStats().totalCost, 4 * 112u);
 
   // Invalid data is refused and the stored set stays.
-  EXPECT_NE(failureOf([&] { instance_->dataEnvelopes(a, envelopes({{0, 1, 0}})); }).find("Invalid envelope"),
+  EXPECT_NE(failureOf([&] {
+              instance_->dataEnvelopes(a, envelopes({{0, 1, 0}}));
+            }).find("Invalid envelope"),
             std::string::npos);
-  EXPECT_NE(failureOf([&] { instance_->dataEnvelopes(a, envelopes({{5, 1, 0, 1}})); }).find("Invalid envelope"),
+  EXPECT_NE(failureOf([&] {
+              instance_->dataEnvelopes(a, envelopes({{5, 1, 0, 1}}));
+            }).find("Invalid envelope"),
             std::string::npos);
   EXPECT_EQ(instance_->dataEnvelopes(a)->count(), 4u);
 
@@ -53,14 +57,16 @@ TEST_F(Envelopes, StoreReplaceLockAndEvict) {
   instance_->lockDataEnvelopes(a);
   instance_->unlockDataEnvelopes(a);
   EXPECT_EQ(software().envelopeCacheStats().lockedCost, 0u);
-  instance_->dataEnvelopes(b, envelopes({{0, 0, 0, 0}, {1, 1, 1, 1}, {2, 2, 2, 2}, {3, 3, 3, 3}, {4, 4, 4, 4}}));
+  instance_->dataEnvelopes(
+      b, envelopes({{0, 0, 0, 0}, {1, 1, 1, 1}, {2, 2, 2, 2}, {3, 3, 3, 3}, {4, 4, 4, 4}}));
   EXPECT_FALSE(instance_->dataEnvelopesSet(a));
   EXPECT_TRUE(instance_->dataEnvelopesSet(b));
 
   // Locked, it survives the same pressure.
   instance_->dataEnvelopes(a, envelopes({{0, 0, 0, 0}, {1, 1, 1, 1}, {2, 2, 2, 2}, {3, 3, 3, 3}}));
   instance_->lockDataEnvelopes(a);
-  instance_->dataEnvelopes(Id{'c'}, envelopes({{0, 0, 0, 0}, {1, 1, 1, 1}, {2, 2, 2, 2}, {3, 3, 3, 3}, {4, 4, 4, 4}}));
+  instance_->dataEnvelopes(
+      Id{'c'}, envelopes({{0, 0, 0, 0}, {1, 1, 1, 1}, {2, 2, 2, 2}, {3, 3, 3, 3}, {4, 4, 4, 4}}));
   EXPECT_TRUE(instance_->dataEnvelopesSet(a));
 }
 
@@ -81,7 +87,8 @@ TEST(DataEnvelopes, QueryFindsIntersectingEnvelopesInOrderAmongMany) {
 }
 
 TEST_F(Envelopes, StagingBufferFilledOnAnotherThreadBecomesADrawableTile) {
-  auto staging = instance_->concurrentStagingBuffer(4, RenderBackend::BufferType::kTile, {256, 256, 3});
+  auto staging =
+      instance_->concurrentStagingBuffer(4, RenderBackend::BufferType::kTile, {256, 256, 3});
   EXPECT_EQ(staging->targetOrTileId(), 4u);
   EXPECT_TRUE(staging->isReady());
   EXPECT_FALSE(staging->isMapped());
@@ -105,11 +112,14 @@ TEST_F(Envelopes, StagingBufferFilledOnAnotherThreadBecomesADrawableTile) {
     EXPECT_EQ(pixels[i], static_cast<unsigned char>(i * 7)) << i;
   }
 
-  EXPECT_EQ(failureOf([&] { instance_->concurrentStagingBuffer(1, RenderBackend::BufferType::kTile, {256, 256, 2}); }),
-            tagged("Can't set tile pixels with the required size",
-                   "void SoftwareConcurrentStagingBuffer::SoftwareConcurrentStagingBuffer(size_t "
-                   "targetOrTileId, RenderBackend::BufferType type,SoftwareRenderBackendInstance& "
-                   "instance)"));
+  EXPECT_EQ(
+      failureOf([&] {
+        instance_->concurrentStagingBuffer(1, RenderBackend::BufferType::kTile, {256, 256, 2});
+      }),
+      tagged("Can't set tile pixels with the required size",
+             "void SoftwareConcurrentStagingBuffer::SoftwareConcurrentStagingBuffer(size_t "
+             "targetOrTileId, RenderBackend::BufferType type,SoftwareRenderBackendInstance& "
+             "instance)"));
   class Foreign : public ConcurrentStagingBuffer {
    public:
     Foreign() : ConcurrentStagingBuffer(1) {}
@@ -182,16 +192,26 @@ TEST_F(Masks, MaskRangeChecksItsArgumentsInOrder) {
       "const& maskFilter, std::vector<unsigned char> const& envelopesId, std::vector<size_t> "
       "const& range)";
   instance_->dataEnvelopes({'m'}, envelopes({{0, 1, 0, 1}}));
-  EXPECT_EQ(failureOf([&] { instance_->maskRange(77, target_, *mask_, {'m'}, {0, 1, 0, 1}); }),
+  EXPECT_EQ(failureOf([&] {
+              instance_->maskRange(77, target_, *mask_, {'m'}, {0, 1, 0, 1});
+            }),
             tagged("Target does not exist", kMask));
   Filter notInstantiated = pointFilter("MaskFilter4x8");
-  EXPECT_EQ(failureOf([&] { instance_->maskRange(source_, target_, notInstantiated, {'m'}, {0, 1, 0, 1}); }),
+  EXPECT_EQ(failureOf([&] {
+              instance_->maskRange(source_, target_, notInstantiated, {'m'}, {0, 1, 0, 1});
+            }),
             tagged("Instance for Filter <MaskFilter4x8> not available", kMask));
-  EXPECT_EQ(failureOf([&] { instance_->maskRange(source_, target_, *blit_, {'m'}, {0, 1, 0, 1}); }),
+  EXPECT_EQ(failureOf([&] {
+              instance_->maskRange(source_, target_, *blit_, {'m'}, {0, 1, 0, 1});
+            }),
             tagged("Filter <BlitFilter4x8> not supported", kMask));
-  EXPECT_EQ(failureOf([&] { instance_->maskRange(source_, target_, *mask_, {'m'}, {2, 1, 0, 1}); }),
+  EXPECT_EQ(failureOf([&] {
+              instance_->maskRange(source_, target_, *mask_, {'m'}, {2, 1, 0, 1});
+            }),
             tagged("Invalid range", kMask));
-  EXPECT_EQ(failureOf([&] { instance_->maskRange(source_, target_, *mask_, {'x'}, {0, 1, 0, 1}); }),
+  EXPECT_EQ(failureOf([&] {
+              instance_->maskRange(source_, target_, *mask_, {'x'}, {0, 1, 0, 1});
+            }),
             tagged("Requested DataEnvelopes doesn't exist", kMask));
 }
 
@@ -213,7 +233,9 @@ TEST_F(Envelopes, TileStoreFollowsTheWorkedLruExample) {
   EXPECT_EQ(instance_->eraseTile(1), 256u);
   EXPECT_EQ(software().tileCacheStats().lockedCost, 0u);
 
-  EXPECT_EQ(failureOf([&] { instance_->setTile(9, pixels, {16, 16, 2}, 0); }),
+  EXPECT_EQ(failureOf([&] {
+              instance_->setTile(9, pixels, {16, 16, 2}, 0);
+            }),
             tagged("Can't set tile pixels with the required size",
                    "void SoftwareRenderBackendInstance::setTile(size_t tile, std::vector<unsigned "
                    "char> const& pixels, std::vector<size_t> const& size, size_t offset)"));

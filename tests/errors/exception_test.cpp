@@ -15,7 +15,8 @@ TEST(QuorvelException, ComposesTaggedTextWithoutSeparators) {
   EXPECT_STREQ(QuorvelException("n", "l", -5).what(), "#Name:n#Location:l#Errno:-5");
   EXPECT_STREQ(QuorvelException("n", "l", "d", 7).what(),
                "#Name:n#Location:l#Description:d#Errno:7");
-  EXPECT_STREQ(QuorvelIOException("n", "l", "s", 2).what(), "#Name:n#Location:l#StreamName:s#Errno:2");
+  EXPECT_STREQ(QuorvelIOException("n", "l", "s", 2).what(),
+               "#Name:n#Location:l#StreamName:s#Errno:2");
   EXPECT_STREQ(QuorvelIOException("n", "l", "s", "d", 2).what(),
                "#Name:n#Location:l#StreamName:s#Description:d#Errno:2");
   QuorvelRangeException range("n", "l", 42);
@@ -50,8 +51,7 @@ TEST(FormatException, NestsNamesAndChainsLocationsOutermostFirst) {
     EXPECT_EQ(collectMessages(e),
               "#Name:A#Location:LA#Description:da#Name:B#Location:LB#Name:C#Location:LC"
               "#Description:dc");
-    EXPECT_EQ(formatException(e),
-              "A (B (C))\n  Location:     LA<-LB<-LC\n  Description:  da, dc");
+    EXPECT_EQ(formatException(e), "A (B (C))\n  Location:     LA<-LB<-LC\n  Description:  da, dc");
   }
 }
 
@@ -90,8 +90,7 @@ TEST(FormatException, ForeignNestedExceptionsAreKept) {
 
 TEST(FormatException, CutsValuesAtHashAndShowsFirstStreamAndErrnoOnly) {
   QuorvelException e("#Name:a#StreamName:s1#StreamName:s2#Errno:1#Errno:2#Location:x#y");
-  EXPECT_EQ(formatException(e),
-            "a\n  Location:     x\n  Streamname:   s1\n  Error number: 1");
+  EXPECT_EQ(formatException(e), "a\n  Location:     x\n  Streamname:   s1\n  Error number: 1");
   EXPECT_EQ(formatException(QuorvelException("no tags at all")), "");
 }
 

@@ -25,8 +25,8 @@ constexpr char kLongCtor[] =
 // A description with x-axis geometry under test and a neutral y axis.
 Filter xFilter(size_t x0, size_t stride, size_t num, size_t den, size_t alignIn,
                std::vector<bool> signedIn = {false}) {
-  return Filter("F", 0, 0, 0, 0, x0, stride, 0, 1, num, den, 1, 1, 1, 32, 32, 4, 4, alignIn, 1,
-                1, 1, std::move(signedIn), false, 8, RenderBackend::ImageFiltering::kLinear);
+  return Filter("F", 0, 0, 0, 0, x0, stride, 0, 1, num, den, 1, 1, 1, 32, 32, 4, 4, alignIn, 1, 1,
+                1, std::move(signedIn), false, 8, RenderBackend::ImageFiltering::kLinear);
 }
 
 TEST(Filter, PointFilterMapsRangesToThemselves) {
@@ -38,8 +38,8 @@ TEST(Filter, PointFilterMapsRangesToThemselves) {
 }
 
 TEST(Filter, UpscalingRangesRoundOutward) {
-  Filter f("Up", 0, 0, 0, 0, 0, 1, 0, 1, 2, 1, 2, 1, 1, 32, 32, 4, 4, 1, 1, 1, 1, {false}, false,
-           8, RenderBackend::ImageFiltering::kLinear);
+  Filter f("Up", 0, 0, 0, 0, 0, 1, 0, 1, 2, 1, 2, 1, 1, 32, 32, 4, 4, 1, 1, 1, 1, {false}, false, 8,
+           RenderBackend::ImageFiltering::kLinear);
   EXPECT_TRUE(f.changesGeometry());
   EXPECT_EQ(f.inputRange({10, 19, 10, 19}), (Range{5, 10, 5, 10}));
   EXPECT_EQ(f.outputRange({5, 10, 5, 10}), (Range{10, 20, 10, 20}));
@@ -52,11 +52,15 @@ TEST(Filter, MarginsAlignmentAndGridSnapping) {
   EXPECT_EQ(f.inputStepX(), 2u);
   EXPECT_EQ(f.inputRange({7, 10, 7, 10}), (Range{4, 13, 4, 13}));
   EXPECT_EQ(f.outputRange({3, 20, 3, 20}), (Range{8, 15, 8, 15}));
-  EXPECT_EQ(failureOf([&] { f.inputRange({1, 10, 5, 6}); }),
+  EXPECT_EQ(failureOf([&] {
+              f.inputRange({1, 10, 5, 6});
+            }),
             tagged("Input out of bounds",
                    "std::vector<size_t> Filter::inputRange(std::vector<size_t> const& "
                    "outputRange) const"));
-  EXPECT_EQ(failureOf([&] { f.outputRange({1, 10, 5, 6}); }),
+  EXPECT_EQ(failureOf([&] {
+              f.outputRange({1, 10, 5, 6});
+            }),
             tagged("Input out of bounds",
                    "std::vector<size_t> Filter::outputRange(std::vector<size_t> const& "
                    "inputRange) const"));
@@ -73,11 +77,13 @@ TEST(Filter, ConstructorChecksGridScaleAndSignedness) {
             0u)
       << shortText;
   EXPECT_NO_THROW(xFilter(0, 2, 3, 2, 1));
-  EXPECT_EQ(failureOf([] { xFilter(0, 1, 1, 1, 1, {false, true}); }),
+  EXPECT_EQ(failureOf([] {
+              xFilter(0, 1, 1, 1, 1, {false, true});
+            }),
             tagged("signed vector size does not match number of input textures", kLongCtor));
   EXPECT_EQ(failureOf([] {
-              Filter("Y", 0, 0, 0, 0, 0, 1, 0, 1, 1, 1, 3, 2, 1, 32, 32, 4, 4, 1, 1, 1, 1,
-                     {false}, false, 8, RenderBackend::ImageFiltering::kLinear);
+              Filter("Y", 0, 0, 0, 0, 0, 1, 0, 1, 1, 1, 3, 2, 1, 32, 32, 4, 4, 1, 1, 1, 1, {false},
+                     false, 8, RenderBackend::ImageFiltering::kLinear);
             }),
             tagged("error y stride times y scale factor is not integer", kLongCtor));
   // Zero denominators and strides are refused instead of dividing by zero.
@@ -87,7 +93,9 @@ TEST(Filter, ConstructorChecksGridScaleAndSignedness) {
 
 TEST(Filter, UninstantiatedFilterRefusesExecutionAndParameters) {
   Filter f = pointFilter("P");
-  EXPECT_EQ(failureOf([&] { f.execute({}, 1, 1, 0, {0, 0, 0, 0}, FilterEmptyParams::instance(), {}); }),
+  EXPECT_EQ(failureOf([&] {
+              f.execute({}, 1, 1, 0, {0, 0, 0, 0}, FilterEmptyParams::instance(), {});
+            }),
             tagged("filter has not been instantiated in a RenderBackend",
                    "void Filter::execute(std::vector<FilterSource> const& sources, size_t "
                    "inputW, size_t inputH, size_t destination, std::vector<size_t> const& clip, "
@@ -110,7 +118,9 @@ TEST(SoftwareFilter, GetValidRectsClipsOutputAndMovesInput) {
   EXPECT_EQ(empty, (std::vector<int>{0, 0, 2, 2}));
 
   std::vector<int> in3 = {0, 0, 4, 4}, out3 = {5, 0, 4, 4};
-  EXPECT_EQ(failureOf([&] { SoftwareFilter::getValidRects(in3, {0, 0, 9, 9}, out3, {0, 0, 5, 5}); }),
+  EXPECT_EQ(failureOf([&] {
+              SoftwareFilter::getValidRects(in3, {0, 0, 9, 9}, out3, {0, 0, 5, 5});
+            }),
             tagged("output rectangle does not intersect output buffer",
                    "void SoftwareFilter::getValidRects(vector<int>& inputRect, const vector<int>& "
                    "inputBufferRect,vector<int>& outputRect, const vector<int>& "
@@ -138,8 +148,8 @@ TEST(FilterParameters, CastsKeysAndLookups) {
   p.setParameters("FilterCLAHE", 2, std::make_unique<FilterEmptyParams>());
   EXPECT_EQ(p.getParameters("FilterCLAHE", 3).as<FilterClaheParams>().clipLimit, 2.0);
   EXPECT_EQ(&p.getParameters("FilterCLAHE_#3"), &p.getParameters("FilterCLAHE", 3));
-  EXPECT_EQ(p.keys(), (std::vector<std::string>{"FilterCLAHE_#10", "FilterCLAHE_#2",
-                                                "FilterCLAHE_#3"}));
+  EXPECT_EQ(p.keys(),
+            (std::vector<std::string>{"FilterCLAHE_#10", "FilterCLAHE_#2", "FilterCLAHE_#3"}));
   EXPECT_EQ(&p.findParameters("FilterCLAHE", 4), &FilterEmptyParams::instance());
   EXPECT_EQ(failureOf([&] { p.getParameters("FilterCLAHE", 4); }),
             tagged("filtername or filterInstance is not correct",
@@ -190,6 +200,29 @@ TEST(BuiltinRegistry, EveryNameCreatesItsKernel) {
     ASSERT_NE(kernel, nullptr) << name;
     EXPECT_EQ(kernel->name(), name);
   }
+}
+
+}  // namespace
+}  // namespace quorvel
+
+namespace quorvel {
+namespace {
+
+TEST(BuiltinRegistry, HoldsTheTwentyEightNamesInRegistrationOrder) {
+  SoftwareFilterFactory factory;
+  registerBuiltinFilters(factory);
+  std::vector<std::string> const expected = {
+      "FilterFirIH53LeGall16", "FilterFirIV53LeGall16",  "BlitFilter1x16",
+      "BlitFilter3x16",        "BlitFilter3x8",          "BlitFilter4x8",
+      "Filter1x16ToRGB8",      "FilterInterleave16",     "FilterRGBA8ToYCoCg16",
+      "FilterYCoCg16ToRGBA8",  "FilterYCoCg16ToRGB16",   "Filter3x3Matrix8",
+      "Filter3x3Matrix16",     "Filter3x16To4x8",        "Filter1x16To1x8",
+      "FilterCLAHE",           "FilterSharpness8",       "FilterSharpnessH16",
+      "FilterSharpnessV16",    "FilterLinear8ToSRGB8",   "FilterLinear16ToSRGB8",
+      "MaskFilter3x8",         "MaskFilter4x8",          "MaskFilter3x16",
+      "FilterLinear16TosRGB8", "FilterBlackWhiteGamma8", "FilterTruncate16",
+      "FilterRemoveAlpha8"};
+  EXPECT_EQ(factory.names(), expected);
 }
 
 }  // namespace

@@ -1,10 +1,9 @@
-#include "quorvel/jobs/parallel_work_queue.hpp"
-
 #include <gtest/gtest.h>
 
 #include <future>
 #include <vector>
 
+#include "quorvel/jobs/parallel_work_queue.hpp"
 #include "support/gate.hpp"
 
 namespace quorvel {
@@ -91,13 +90,14 @@ TEST(ParallelWorkQueue, ReportsAWorkerFailureOnceNestedAroundTheJobError) {
     std::string const text = collectMessages(e);
     std::string const names = std::string(typeid(std::vector<int>).name()) + typeid(Worker).name();
     EXPECT_EQ(text.rfind("#Name:in error state#Location:std::pair<size_t, size_t> "
-                         "ParalllelWorkQueue<" + names + ",size_t>::rethrowAnyException()",
+                         "ParalllelWorkQueue<" +
+                             names + ",size_t>::rethrowAnyException()",
                          0),
               0u)
         << text;
     EXPECT_NE(text.find("#Name:Worker thread failed#Location:void ParallelWorkQueue<" +
-                        std::string(typeid(std::vector<int>).name()) + "," +
-                        typeid(Worker).name() + ",size_t>::work(...)"),
+                        std::string(typeid(std::vector<int>).name()) + "," + typeid(Worker).name() +
+                        ",size_t>::work(...)"),
               std::string::npos)
         << text;
     EXPECT_NE(text.find("#Name:STL error#Description:job broke"), std::string::npos) << text;

@@ -146,10 +146,9 @@ class SoftwareRenderBackendInstance : public RenderBackendInstance {
 
   void createFilterInstance(Filter& filter) override;
   void destroyFilterInstance(Filter& filter) override;
-  void executeFilter(Filter const& filter, std::vector<FilterSource> const& sources,
-                     size_t inputW, size_t inputH, size_t destination, size_t clipLeft,
-                     size_t clipRight, size_t clipTop, size_t clipBottom,
-                     SingleFilterParameters const& params,
+  void executeFilter(Filter const& filter, std::vector<FilterSource> const& sources, size_t inputW,
+                     size_t inputH, size_t destination, size_t clipLeft, size_t clipRight,
+                     size_t clipTop, size_t clipBottom, SingleFilterParameters const& params,
                      std::vector<size_t> const& offset) override;
   void drawTiles(size_t target, Filter const& tileShader, std::vector<size_t> const& range,
                  std::vector<size_t> const& canvasRange, std::vector<size_t> const& tileSize,

@@ -6,13 +6,13 @@
 // from oneTBB's scalable allocator because many worker threads allocate and free buffers at
 // the same time. A buffer has no lock: a writer must be its only user while it writes.
 
+#include <tbb/scalable_allocator.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <typeinfo>
 #include <vector>
-
-#include <tbb/scalable_allocator.h>
 
 #include "quorvel/buffers/pixel_types.hpp"
 #include "quorvel/errors/exception.hpp"
@@ -165,10 +165,10 @@ QUORVEL_FOR_EACH_PIXEL_TYPE(QUORVEL_DECLARE_BUFFER)
 /// Calls f(Buffer2DVector<P>&) with the typed buffer; returns false for a foreign type.
 template <class F>
 bool visitBuffer(Buffer2D& buffer, F&& f) {
-#define QUORVEL_VISIT_BUFFER(T)                                 \
-  if (buffer.pixelType() == typeid(T)) {                        \
-    f(static_cast<Buffer2DVector<T>&>(buffer));                 \
-    return true;                                                \
+#define QUORVEL_VISIT_BUFFER(T)                 \
+  if (buffer.pixelType() == typeid(T)) {        \
+    f(static_cast<Buffer2DVector<T>&>(buffer)); \
+    return true;                                \
   }
   QUORVEL_FOR_EACH_PIXEL_TYPE(QUORVEL_VISIT_BUFFER)
 #undef QUORVEL_VISIT_BUFFER

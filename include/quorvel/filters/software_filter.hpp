@@ -34,8 +34,7 @@ class SoftwareFilter : public Filter {
   /// input buffer's rectangle. Fails with "output rectangle does not intersect output
   /// buffer", leaving both rectangles unchanged.
   static void getValidRects(std::vector<int>& inputRect, std::vector<int> const& inputBufferRect,
-                            std::vector<int>& outputRect,
-                            std::vector<int> const& outputBufferRect);
+                            std::vector<int>& outputRect, std::vector<int> const& outputBufferRect);
 
   /// Intersection with inclusive right and bottom edges; true when it is not empty.
   static bool intersect(std::vector<int> const& a, std::vector<int> const& b,

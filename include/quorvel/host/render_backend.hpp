@@ -122,12 +122,11 @@ class RenderBackendInstance {
                              size_t clipRight, size_t clipTop, size_t clipBottom,
                              SingleFilterParameters const& params,
                              std::vector<size_t> const& offset) = 0;
-  virtual void drawTiles(size_t target, Filter const& tileShader,
-                         std::vector<size_t> const& range, std::vector<size_t> const& canvasRange,
+  virtual void drawTiles(size_t target, Filter const& tileShader, std::vector<size_t> const& range,
+                         std::vector<size_t> const& canvasRange,
                          std::vector<size_t> const& tileSize,
                          std::vector<std::vector<size_t>> const& blockCoords,
-                         std::vector<size_t> const& blocks,
-                         std::vector<size_t> const& offsets) = 0;
+                         std::vector<size_t> const& blocks, std::vector<size_t> const& offsets) = 0;
   virtual void finalizeDrawSequence() = 0;
   virtual void maskRange(size_t source, size_t target, Filter const& maskFilter,
                          std::vector<unsigned char> const& envelopesId,

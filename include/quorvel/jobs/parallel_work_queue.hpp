@@ -185,10 +185,9 @@ class ParallelWorkQueue {
     running_jobs_[index]->ticket.store(SIZE_MAX);
     if (!noError_.test_and_set()) return;
     try {
-      std::throw_with_nested(
-          QuorvelException("Worker thread failed", std::string("void ParallelWorkQueue<") +
-                                                       typeid(T).name() + "," + typeid(W).name() +
-                                                       ",size_t>::work(...)"));
+      std::throw_with_nested(QuorvelException(
+          "Worker thread failed", std::string("void ParallelWorkQueue<") + typeid(T).name() + "," +
+                                      typeid(W).name() + ",size_t>::work(...)"));
     } catch (...) {
       // Two workers can both find the flag set; the lock keeps their stores apart.
       std::lock_guard<std::mutex> lock(failureMutex_);
