@@ -241,6 +241,10 @@ std::vector<size_t> SoftwareRenderBackendInstance::targetSize(size_t target) con
   return requireTarget(target, kTargetQuery)->buffer()->dimensions();
 }
 
+std::type_info const& SoftwareRenderBackendInstance::targetPixelType(size_t target) const {
+  return requireTarget(target, kTargetQuery)->buffer()->pixelType();
+}
+
 std::vector<size_t> SoftwareRenderBackendInstance::targetAlignment(size_t) const {
   return {1, 1, 1};
 }

@@ -11,4 +11,8 @@ cmake -S "$source_dir/tests/install/consumer" -B "$scratch/build" -DCMAKE_PREFIX
 cmake --build "$scratch/build" >/dev/null
 "$scratch/build/consumer"
 PKG_CONFIG_PATH="$scratch/prefix/lib/pkgconfig" pkg-config --cflags quorvel-render | grep -q "$scratch/prefix/"
+# The Python module, where it was built, imports from the prefix with the usual PYTHONPATH.
+if ls "$scratch"/prefix/lib/python3/dist-packages/quorvel*.so >/dev/null 2>&1; then
+  PYTHONPATH="$scratch/prefix/lib/python3/dist-packages" /usr/bin/python3 -c "import quorvel"
+fi
 echo "installed package builds and runs a consumer"

@@ -171,6 +171,10 @@ class SoftwareRenderBackendInstance : public RenderBackendInstance {
   bool synchronizeConcurrentStagingBuffer(
       std::unique_ptr<ConcurrentStagingBuffer>&& buffer) override;
 
+  /// The pixel type of a target's buffer (for hosts that hand pixels on as typed arrays);
+  /// fails with "Target does not exist" for an unknown id.
+  std::type_info const& targetPixelType(size_t target) const;
+
   /// This instance's id: the first half of its tile and envelope keys.
   size_t id() const { return id_; }
   /// Snapshots of the shared caches (entries, costs, capacity).
