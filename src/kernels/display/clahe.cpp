@@ -26,6 +26,12 @@ void interpolateRow40Scalar(int16_t* samples, size_t count, size_t channels, int
   }
 }
 
+void extractBinsScalar(int16_t const* samples, uint8_t* bins, size_t count) {
+  for (size_t i = 0; i < count; ++i) {
+    bins[i] = static_cast<uint8_t>(std::clamp<int16_t>(samples[3 * i], 0, 255));
+  }
+}
+
 }  // namespace clahe_detail
 
 CLAHE::~CLAHE() = default;
@@ -71,29 +77,31 @@ uint64_t CLAHE::clipHistogram(uint32_t* histogram, size_t pixelCount) const {
   int64_t const upper = limitS - inc;
   // Cut every bin to the limit and hand each bin an equal share; bins already close to the
   // limit are only filled up to it.
+  // (Written without branches: the three cases depend on the data.)
   for (size_t b = 0; b < numBins; ++b) {
     int64_t const h = histogram[b];
-    if (h > limitS) {
-      histogram[b] = static_cast<uint32_t>(limitS);
-    } else if (h > upper) {
-      excess -= limitS - h;
-      histogram[b] = static_cast<uint32_t>(limitS);
-    } else {
-      histogram[b] = static_cast<uint32_t>(h + inc);
-      excess -= inc;
-    }
+    int64_t const over = -static_cast<int64_t>(h > limitS);
+    int64_t const near = -static_cast<int64_t>(h > upper);  // includes `over`
+    excess -= (((limitS - h) & near) | (inc & ~near)) & ~over;
+    histogram[b] = static_cast<uint32_t>((limitS & near) | ((h + inc) & ~near));
   }
   // Spread what is left one count at a time over evenly spaced bins below the limit, until
   // nothing is left or a whole round finds no room.
+  // The step is only recomputed when the excess changed, and bins take their share without
+  // branching on their count.
+  int64_t stepFor = -1;
+  size_t step = 1;
   while (excess > 0) {
     int64_t const before = excess;
     for (size_t start = 0; start < numBins && excess > 0; ++start) {
-      size_t const step = std::max<size_t>(1, numBins / static_cast<size_t>(excess));
+      if (excess != stepFor) {
+        step = std::max<size_t>(1, numBins / static_cast<size_t>(excess));
+        stepFor = excess;
+      }
       for (size_t b = start; b < numBins && excess > 0; b += step) {
-        if (histogram[b] < limit) {
-          ++histogram[b];
-          --excess;
-        }
+        uint32_t const share = histogram[b] < limit ? 1u : 0u;
+        histogram[b] += share;
+        excess -= share;
       }
     }
     if (excess == before) break;
@@ -101,35 +109,65 @@ uint64_t CLAHE::clipHistogram(uint32_t* histogram, size_t pixelCount) const {
   return limit;
 }
 
-void CLAHE::computeMappings(int16_t const* samples) {
-  if (mappings.size() != tileRows * tileCols * numBins) {
-    mappings.assign(tileRows * tileCols * numBins, 0);
+bool CLAHE::fastBins() const {
+  if (channels != 3 || tileSize != 40 || numBins != 256 || minValue != 0 || maxValue != 255 ||
+      binLut.size() != 256) {
+    return false;
   }
-  // The histograms of one tile row are counted together, pixel row by pixel row, so the
-  // samples stream through memory in order. Two interleaved sets (even and odd pixels) keep
-  // runs of equal samples from serialising on one counter.
-  std::vector<uint32_t> counts(2 * tileCols * numBins);
+  for (size_t i = 0; i < 256; ++i) {
+    if (binLut[i] != static_cast<int32_t>(i)) return false;
+  }
+  return true;
+}
+
+void CLAHE::countTileRow(int16_t const* samples, size_t tr, std::vector<uint32_t>& counts,
+                         std::vector<uint16_t>& fastCounts, std::vector<uint8_t>& rowBins) {
   int32_t const* const bins = binLut.data();
   auto const bin = [this, bins](int16_t sample) {
     return static_cast<size_t>(bins[sampleIndex(sample)]);
   };
-  auto const isFull = [this](size_t tr, size_t tc) {
-    return std::min(tr * tileSize + tileSize, histHeight) == tr * tileSize + tileSize &&
-           std::min(tc * tileSize + tileSize, histWidth) == tc * tileSize + tileSize;
+  auto const isFull = [this](size_t r, size_t c) {
+    return std::min(r * tileSize + tileSize, histHeight) == r * tileSize + tileSize &&
+           std::min(c * tileSize + tileSize, histWidth) == c * tileSize + tileSize;
   };
-  for (size_t tr = 0; tr < tileRows; ++tr) {
-    size_t const rBegin = std::min(tr * tileSize, histHeight);
-    size_t const rEnd = std::min(rBegin + tileSize, histHeight);
-    // Count the tiles that keep their own histogram: partial tiles at the right or bottom
-    // edge reuse the mapping of a neighbour.
-    size_t countedCols = 0;
-    while (countedCols < tileCols &&
-           (isFull(tr, countedCols) || !((countedCols + 1 == tileCols && tileCols > 1) ||
-                                         (tr + 1 == tileRows && tileRows > 1)))) {
-      ++countedCols;
+  size_t const rBegin = std::min(tr * tileSize, histHeight);
+  size_t const rEnd = std::min(rBegin + tileSize, histHeight);
+  // Count the tiles that keep their own histogram: partial tiles at the right or bottom
+  // edge reuse the mapping of a neighbour.
+  size_t countedCols = 0;
+  while (countedCols < tileCols &&
+         (isFull(tr, countedCols) || !((countedCols + 1 == tileCols && tileCols > 1) ||
+                                       (tr + 1 == tileRows && tileRows > 1)))) {
+    ++countedCols;
+  }
+  size_t const cEndAll = std::min(countedCols * tileSize, histWidth);
+  bool const fast = fastBins();
+  if (fast) {
+    // The usual grid: the bins of a pixel row are extracted in one vector pass, then counted
+    // into four interleaved 16-bit histograms per tile (at most 40 * 10 counts each), so
+    // runs of equal samples do not serialise on one counter.
+    fastCounts.assign(countedCols * 4 * 256, 0);
+    rowBins.resize(cEndAll);
+    for (size_t r = rBegin; r < rEnd; ++r) {
+      clahe_detail::extractBins(samples + r * stride * channels, rowBins.data(), cEndAll);
+      for (size_t tc = 0; tc < countedCols; ++tc) {
+        size_t const cBegin = tc * tileSize;
+        size_t const n = std::min(cBegin + tileSize, cEndAll) - cBegin;
+        uint8_t const* p = rowBins.data() + cBegin;
+        uint16_t* h = fastCounts.data() + tc * 4 * 256;
+        size_t c = 0;
+        for (; c + 4 <= n; c += 4, p += 4) {
+          ++h[p[0]];
+          ++h[256 + p[1]];
+          ++h[512 + p[2]];
+          ++h[768 + p[3]];
+        }
+        for (; c < n; ++c, ++p) ++h[*p];
+      }
     }
-    size_t const cEndAll = std::min(countedCols * tileSize, histWidth);
-    std::fill(counts.begin(), counts.end(), 0u);
+  } else {
+    // Any other grid: two interleaved sets (even and odd pixels) per tile.
+    counts.assign(2 * tileCols * numBins, 0u);
     for (size_t r = rBegin; r < rEnd; ++r) {
       int16_t const* row = samples + r * stride * channels;
       for (size_t cBegin = 0; cBegin < cEndAll; cBegin += tileSize) {
@@ -145,37 +183,56 @@ void CLAHE::computeMappings(int16_t const* samples) {
         if (c < cEnd) ++even[bin(*p)];
       }
     }
+  }
 
-    for (size_t tc = 0; tc < tileCols; ++tc) {
-      size_t const cBegin = std::min(tc * tileSize, histWidth);
-      size_t const cEnd = std::min(cBegin + tileSize, histWidth);
-      bool const full = isFull(tr, tc);
-      uint32_t* mapping = tileMapping(tr, tc);
-      if (!full && tc + 1 == tileCols && tileCols > 1) {
-        std::copy_n(mapping - numBins, numBins, mapping);
-        continue;
+  for (size_t tc = 0; tc < tileCols; ++tc) {
+    size_t const cBegin = std::min(tc * tileSize, histWidth);
+    size_t const cEnd = std::min(cBegin + tileSize, histWidth);
+    bool const full = isFull(tr, tc);
+    uint32_t* mapping = tileMapping(tr, tc);
+    if (!full && tc + 1 == tileCols && tileCols > 1) {
+      std::copy_n(mapping - numBins, numBins, mapping);
+      continue;
+    }
+    if (!full && tr + 1 == tileRows && tileRows > 1) {
+      std::copy_n(tileMapping(tr - 1, tc), numBins, mapping);
+      continue;
+    }
+    if (fast) {
+      uint16_t const* h = fastCounts.data() + tc * 4 * 256;
+      for (size_t b = 0; b < 256; ++b) {
+        mapping[b] = uint32_t{h[b]} + h[256 + b] + h[512 + b] + h[768 + b];
       }
-      if (!full && tr + 1 == tileRows && tileRows > 1) {
-        std::copy_n(tileMapping(tr - 1, tc), numBins, mapping);
-        continue;
-      }
+    } else {
       uint32_t const* even = counts.data() + 2 * tc * numBins;
       for (size_t b = 0; b < numBins; ++b) mapping[b] = even[b] + even[numBins + b];
+    }
 
-      size_t const pixels = (rEnd - rBegin) * (cEnd - cBegin);
-      clipHistogram(mapping, pixels);
-      if (!full) continue;  // a lone partial tile keeps its clipped histogram
-      // The cumulative histogram scaled to the grey range, truncated.
-      double const scale =
-          static_cast<double>(int64_t{maxValue} - minValue) / static_cast<double>(pixels);
-      uint64_t sum = 0;
-      for (size_t b = 0; b < numBins; ++b) {
-        sum += mapping[b];
-        auto const level = static_cast<int64_t>(static_cast<double>(sum) * scale + minValue);
-        mapping[b] = static_cast<uint32_t>(std::min<int64_t>(maxValue, level));
-      }
+    size_t const pixels = (rEnd - rBegin) * (cEnd - cBegin);
+    clipHistogram(mapping, pixels);
+    if (!full) continue;  // a lone partial tile keeps its clipped histogram
+    // The cumulative histogram scaled to the grey range, truncated.
+    double const scale =
+        static_cast<double>(int64_t{maxValue} - minValue) / static_cast<double>(pixels);
+    uint64_t sum = 0;
+    for (size_t b = 0; b < numBins; ++b) {
+      sum += mapping[b];
+      auto const level = static_cast<int64_t>(static_cast<double>(sum) * scale + minValue);
+      mapping[b] = static_cast<uint32_t>(std::min<int64_t>(maxValue, level));
     }
   }
+}
+
+void CLAHE::computeMappings(int16_t const* samples) {
+  if (mappings.size() != tileRows * tileCols * numBins) {
+    mappings.assign(tileRows * tileCols * numBins, 0);
+  }
+  // The histograms of one tile row are counted together, pixel row by pixel row, so the
+  // samples stream through memory in order.
+  std::vector<uint32_t> counts;
+  std::vector<uint16_t> fastCounts;
+  std::vector<uint8_t> rowBins;
+  for (size_t tr = 0; tr < tileRows; ++tr) countTileRow(samples, tr, counts, fastCounts, rowBins);
 }
 
 namespace {
@@ -199,6 +256,69 @@ Block blockOf(size_t index, size_t tileSize, size_t tiles) {
 
 }  // namespace
 
+// The column set-up of the packed interpolation, shared by all rows of one run.
+struct CLAHE::PackedGrid {
+  bool usable = false;  // 40-pixel grid starting at level 0
+  size_t kFirst = 0, kLast = 0;
+  std::vector<int32_t> colBase, weightLeft, weightRight;
+  std::vector<uint32_t> tables;
+  size_t builtFor = std::numeric_limits<size_t>::max();
+  std::vector<int8_t> rowIsBytes;  // per tile row: -1 unknown, else all mappings < 256
+};
+
+void CLAHE::prepareInterpolation(PackedGrid& grid, size_t c0, size_t c1) const {
+  constexpr size_t kTile = 40, kHalf = 20;
+  grid.usable = tileSize == kTile && minValue == 0;
+  grid.rowIsBytes.assign(tileRows, -1);
+  grid.builtFor = std::numeric_limits<size_t>::max();
+  if (!grid.usable) return;
+  size_t const levels = binLut.size();
+  grid.kFirst = (c0 + kHalf) / kTile;
+  grid.kLast = (c1 - 1 + kHalf) / kTile;
+  size_t const count = c1 - c0;
+  // Per column: which block table to read and the horizontal weights, scaled to sum to 40
+  // (a half block counts double) so that every block divides by 40 * 40.
+  grid.colBase.resize(count);
+  grid.weightLeft.resize(count);
+  grid.weightRight.resize(count);
+  for (size_t c = c0; c < c1; ++c) {
+    size_t const k = (c + kHalf) / kTile;
+    Block const cols = blockOf(k, kTile, tileCols);
+    auto const scale = static_cast<int32_t>(kTile / cols.size);
+    auto const x = static_cast<int32_t>(c - cols.start);
+    grid.colBase[c - c0] = static_cast<int32_t>((k - grid.kFirst) * levels);
+    grid.weightLeft[c - c0] = (static_cast<int32_t>(cols.size) - x) * scale;
+    grid.weightRight[c - c0] = x * scale;
+  }
+  grid.tables.resize((grid.kLast - grid.kFirst + 1) * levels);
+}
+
+void CLAHE::interpolateRows(PackedGrid& grid, int16_t* samples, size_t r0, size_t c0, size_t r1,
+                            size_t c1) {
+  size_t const half = tileSize / 2;
+  auto const isBytes = [&](size_t tr) {
+    if (grid.rowIsBytes[tr] < 0) {
+      uint32_t const* m = tileMapping(tr, 0);
+      grid.rowIsBytes[tr] =
+          std::all_of(m, m + tileCols * numBins, [](uint32_t v) { return v < 256; }) ? 1 : 0;
+    }
+    return grid.rowIsBytes[tr] == 1;
+  };
+  // One block row at a time: byte mappings on the standard grid take the packed, vectorised
+  // form; both forms give the same samples.
+  for (size_t r = r0; r < r1;) {
+    size_t const i = (r + half) / tileSize;
+    Block const rows = blockOf(i, tileSize, tileRows);
+    size_t const end = std::min(r1, rows.start + rows.size);
+    if (grid.usable && isBytes(rows.tileBefore) && isBytes(rows.tileAfter)) {
+      interpolatePacked(grid, samples, r, c0, end, c1);
+    } else {
+      interpolateWide(samples, r, c0, end, c1);
+    }
+    r = end;
+  }
+}
+
 void CLAHE::interpolate(int16_t* samples, size_t r0, size_t c0, size_t rowCount, size_t colCount) {
   if (r0 >= height || c0 >= width || tileRows == 0 || tileCols == 0 || tileSize == 0 ||
       mappings.size() < tileRows * tileCols * numBins) {
@@ -207,65 +327,88 @@ void CLAHE::interpolate(int16_t* samples, size_t r0, size_t c0, size_t rowCount,
   size_t const r1 = r0 + std::min(rowCount, height - r0);
   size_t const c1 = c0 + std::min(colCount, width - c0);
   if (r1 == r0 || c1 == c0) return;
-  // Byte mappings on the standard 40-pixel grid take the packed, vectorised form.
-  bool const bytes =
-      std::all_of(mappings.begin(), mappings.end(), [](uint32_t v) { return v < 256; });
   bool const binsValid = std::all_of(binLut.begin(), binLut.end(), [&](int32_t b) {
     return b >= 0 && static_cast<size_t>(b) < numBins;
   });
   if (!binsValid || binLut.size() != static_cast<size_t>(int64_t{maxValue} - minValue + 1)) return;
-  if (bytes && tileSize == 40 && minValue == 0) {
-    interpolatePacked(samples, r0, c0, r1, c1);
-  } else {
-    interpolateWide(samples, r0, c0, r1, c1);
+  PackedGrid grid;
+  prepareInterpolation(grid, c0, c1);
+  interpolateRows(grid, samples, r0, c0, r1, c1);
+}
+
+void CLAHE::equalize(int16_t* samples, size_t r0, size_t c0,
+                     std::function<void(size_t)> const& rowsDone) {
+  bool const binsValid = std::all_of(binLut.begin(), binLut.end(), [&](int32_t b) {
+    return b >= 0 && static_cast<size_t>(b) < numBins;
+  });
+  if (histHeight != height || histWidth != width || r0 >= height || c0 >= width || tileRows == 0 ||
+      tileCols == 0 || tileSize == 0 || !binsValid ||
+      binLut.size() != static_cast<size_t>(int64_t{maxValue} - minValue + 1)) {
+    computeMappings(samples);
+    interpolate(samples, r0, c0, height - std::min(r0, height), width - std::min(c0, width));
+    rowsDone(height);
+    return;
+  }
+  if (mappings.size() != tileRows * tileCols * numBins) {
+    mappings.assign(tileRows * tileCols * numBins, 0);
+  }
+  PackedGrid grid;
+  prepareInterpolation(grid, c0, width);
+  std::vector<uint32_t> counts;
+  std::vector<uint16_t> fastCounts;
+  std::vector<uint8_t> rowBins;
+  size_t next = r0;  // first row still to be interpolated
+  for (size_t tr = 0; tr < tileRows; ++tr) {
+    // Tile row tr completes the mappings of every row up to the centre of its tiles; those
+    // rows do not overlap the samples of the tile rows still to be counted.
+    countTileRow(samples, tr, counts, fastCounts, rowBins);
+    size_t const ready =
+        tr + 1 == tileRows ? height : std::min(height, (tr + 1) * tileSize - tileSize / 2);
+    if (next < ready) {
+      interpolateRows(grid, samples, next, c0, ready, width);
+      next = ready;
+    }
+    rowsDone(ready);
   }
 }
 
-void CLAHE::interpolatePacked(int16_t* samples, size_t r0, size_t c0, size_t r1, size_t c1) {
+void CLAHE::interpolatePacked(PackedGrid& grid, int16_t* samples, size_t r0, size_t c0, size_t r1,
+                              size_t c1) {
   constexpr size_t kTile = 40, kHalf = 20;
   size_t const levels = binLut.size();
-  size_t const kFirst = (c0 + kHalf) / kTile, kLast = (c1 - 1 + kHalf) / kTile;
   size_t const count = c1 - c0;
-  // Per column: which block table to read and the horizontal weights, scaled to sum to 40
-  // (a half block counts double) so that every block divides by 40 * 40.
-  std::vector<int32_t> colBase(count), weightLeft(count), weightRight(count);
-  for (size_t c = c0; c < c1; ++c) {
-    size_t const k = (c + kHalf) / kTile;
-    Block const cols = blockOf(k, kTile, tileCols);
-    auto const scale = static_cast<int32_t>(kTile / cols.size);
-    auto const x = static_cast<int32_t>(c - cols.start);
-    colBase[c - c0] = static_cast<int32_t>((k - kFirst) * levels);
-    weightLeft[c - c0] = (static_cast<int32_t>(cols.size) - x) * scale;
-    weightRight[c - c0] = x * scale;
-  }
+  bool const identity = fastBins();
   // Per column block of the current block row: the four mappings packed into one word per
   // sample index (UL | UR << 8 | LL << 16 | LR << 24), so a pixel needs a single lookup.
-  std::vector<uint32_t> tables((kLast - kFirst + 1) * levels);
-  size_t builtFor = std::numeric_limits<size_t>::max();
   for (size_t r = r0; r < r1; ++r) {
     size_t const i = (r + kHalf) / kTile;
     Block const rows = blockOf(i, kTile, tileRows);
-    if (i != builtFor) {
-      for (size_t k = kFirst; k <= kLast; ++k) {
+    if (i != grid.builtFor) {
+      for (size_t k = grid.kFirst; k <= grid.kLast; ++k) {
         Block const cols = blockOf(k, kTile, tileCols);
         uint32_t const* ul = tileMapping(rows.tileBefore, cols.tileBefore);
         uint32_t const* ur = tileMapping(rows.tileBefore, cols.tileAfter);
         uint32_t const* ll = tileMapping(rows.tileAfter, cols.tileBefore);
         uint32_t const* lr = tileMapping(rows.tileAfter, cols.tileAfter);
-        uint32_t* table = tables.data() + (k - kFirst) * levels;
-        for (size_t v = 0; v < levels; ++v) {
-          auto const b = static_cast<size_t>(binLut[v]);
-          table[v] = ul[b] | ur[b] << 8 | ll[b] << 16 | lr[b] << 24;
+        uint32_t* table = grid.tables.data() + (k - grid.kFirst) * levels;
+        if (identity) {
+          for (size_t v = 0; v < 256; ++v)
+            table[v] = ul[v] | ur[v] << 8 | ll[v] << 16 | lr[v] << 24;
+        } else {
+          for (size_t v = 0; v < levels; ++v) {
+            auto const b = static_cast<size_t>(binLut[v]);
+            table[v] = ul[b] | ur[b] << 8 | ll[b] << 16 | lr[b] << 24;
+          }
         }
       }
-      builtFor = i;
+      grid.builtFor = i;
     }
     auto const scale = static_cast<int32_t>(kTile / rows.size);
     auto const y = static_cast<int32_t>(r - rows.start);
-    clahe_detail::interpolateRow40(samples + (r * stride + c0) * channels, count, channels,
-                                   static_cast<int32_t>(levels - 1), tables.data(), colBase.data(),
-                                   weightLeft.data(), weightRight.data(),
-                                   (static_cast<int32_t>(rows.size) - y) * scale, y * scale);
+    clahe_detail::interpolateRow40(
+        samples + (r * stride + c0) * channels, count, channels, static_cast<int32_t>(levels - 1),
+        grid.tables.data(), grid.colBase.data(), grid.weightLeft.data(), grid.weightRight.data(),
+        (static_cast<int32_t>(rows.size) - y) * scale, y * scale);
   }
 }
 
@@ -320,10 +463,36 @@ void SoftwareFilterCLAHE::apply(std::vector<std::shared_ptr<Buffer2D>> const& in
 
   size_t const sourceW = source.width(), sourceH = source.height();
   int16_t* samples = reinterpret_cast<int16_t*>(source.data());
+
+  // Copy the destination rectangle out of the source: destination pixel (out.x + i,
+  // out.y + j) comes from source pixel (in.x + i, in.y + j), i.e. from the flat source index
+  // (in.y + j) * width + in.x + i. Rows whose start index is negative are skipped, and a row
+  // is cut where the source ends. copyRows(n) copies the rows whose source lies in the first
+  // n source rows.
+  auto const* src = source.data();
+  auto* dst = target.data();
+  int64_t const total = static_cast<int64_t>(sourceW * sourceH);
+  int64_t j = 0;
+  bool copying = true;
+  auto copyRows = [&](size_t finalRows) {
+    int64_t const finalEnd = static_cast<int64_t>(finalRows * sourceW);
+    for (; copying && j < out[3]; ++j) {
+      int64_t const offset = (in[1] + j) * static_cast<int64_t>(sourceW) + in[0];
+      if (offset < 0) continue;
+      int64_t const count = std::min<int64_t>(out[2], total - offset);
+      if (count <= 0) {
+        copying = false;
+        break;
+      }
+      if (offset + count > finalEnd) break;
+      std::memmove(dst + (out[1] + j) * static_cast<int64_t>(target.width()) + out[0], src + offset,
+                   static_cast<size_t>(count) * sizeof(*src));
+    }
+  };
+
   if (sourceH > 40 && sourceW > 40) {
     CLAHE clahe;
     clahe.configure(sourceH, sourceW, limit);
-    clahe.computeMappings(samples);
     // A destination that starts a tile or more into the source (or before it: the unsigned
     // difference wraps) skips equalising the first tile row / column.
     auto skip = [](int destination, int source) -> size_t {
@@ -332,24 +501,19 @@ void SoftwareFilterCLAHE::apply(std::vector<std::shared_ptr<Buffer2D>> const& in
       return difference >= 40 ? 40 : 0;
     };
     size_t const c0 = skip(out[0], in[0]), r0 = skip(out[1], in[1]);
-    clahe.interpolate(samples, r0, c0, sourceH - r0, sourceW - c0);
+    // Each band is copied out as soon as it is final, while it is still in cache, unless the
+    // target shares memory with the source still being equalised.
+    auto const* srcBytes = reinterpret_cast<char const*>(src);
+    auto const* dstBytes = reinterpret_cast<char const*>(dst);
+    size_t const srcSize = static_cast<size_t>(total) * sizeof(*src);
+    size_t const dstSize = target.width() * target.height() * sizeof(*dst);
+    bool const overlap = std::less<char const*>()(srcBytes, dstBytes + dstSize) &&
+                         std::less<char const*>()(dstBytes, srcBytes + srcSize);
+    clahe.equalize(samples, r0, c0, [&](size_t rows) {
+      if (!overlap) copyRows(rows);
+    });
   }
-
-  // Copy the destination rectangle out of the source: destination pixel (out.x + i,
-  // out.y + j) comes from source pixel (in.x + i, in.y + j), i.e. from the flat source index
-  // (in.y + j) * width + in.x + i. Rows whose start index is negative are skipped, and a row
-  // is cut where the source ends.
-  auto const* src = source.data();
-  auto* dst = target.data();
-  int64_t const total = static_cast<int64_t>(sourceW * sourceH);
-  for (int64_t j = 0; j < out[3]; ++j) {
-    int64_t const offset = (in[1] + j) * static_cast<int64_t>(sourceW) + in[0];
-    if (offset < 0) continue;
-    int64_t const count = std::min<int64_t>(out[2], total - offset);
-    if (count <= 0) break;
-    std::memmove(dst + (out[1] + j) * static_cast<int64_t>(target.width()) + out[0], src + offset,
-                 static_cast<size_t>(count) * sizeof(*src));
-  }
+  copyRows(sourceH);
 }
 
 }  // namespace quorvel

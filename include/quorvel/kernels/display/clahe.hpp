@@ -10,6 +10,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -41,6 +42,13 @@ class CLAHE {
   /// [c0, c0 + colCount), cropped to height x width, by the bilinear mix of the mappings.
   virtual void interpolate(int16_t* samples, size_t r0, size_t c0, size_t rowCount,
                            size_t colCount);
+
+  /// computeMappings() followed by interpolate(samples, r0, c0, height - r0, width - c0),
+  /// run one band of tile rows at a time so that each band is equalised while it is still in
+  /// cache. After each band `rowsDone(n)` is told that rows [0, n) hold their final values.
+  /// Requires configure() with histHeight == height and histWidth == width.
+  void equalize(int16_t* samples, size_t r0, size_t c0,
+                std::function<void(size_t)> const& rowsDone);
 
   /// Clips `histogram` (numBins bins of a tile of `pixelCount` pixels) and spreads the
   /// excess over the bins. Returns the limit used.
@@ -77,7 +85,15 @@ class CLAHE {
   uint32_t* tileMapping(size_t tileRow, size_t tileCol) {
     return mappings.data() + (tileRow * tileCols + tileCol) * numBins;
   }
-  void interpolatePacked(int16_t* samples, size_t r0, size_t c0, size_t r1, size_t c1);
+  struct PackedGrid;
+  bool fastBins() const;
+  void countTileRow(int16_t const* samples, size_t tr, std::vector<uint32_t>& counts,
+                    std::vector<uint16_t>& fastCounts, std::vector<uint8_t>& rowBins);
+  void prepareInterpolation(PackedGrid& grid, size_t c0, size_t c1) const;
+  void interpolateRows(PackedGrid& grid, int16_t* samples, size_t r0, size_t c0, size_t r1,
+                       size_t c1);
+  void interpolatePacked(PackedGrid& grid, int16_t* samples, size_t r0, size_t c0, size_t r1,
+                         size_t c1);
   void interpolateWide(int16_t* samples, size_t r0, size_t c0, size_t r1, size_t c1);
 };
 
@@ -101,6 +117,11 @@ void interpolateRow40Scalar(int16_t* samples, size_t count, size_t channels, int
                             uint32_t const* tables, int32_t const* colBase,
                             int32_t const* weightLeft, int32_t const* weightRight, int32_t weightUp,
                             int32_t weightDown);
+
+/// The bin of `count` samples samples[i * 3] for 256 bins over 0..255: the sample clamped
+/// to [0, 255]. Vectorised; equal to the scalar form.
+void extractBins(int16_t const* samples, uint8_t* bins, size_t count);
+void extractBinsScalar(int16_t const* samples, uint8_t* bins, size_t count);
 
 }  // namespace clahe_detail
 
