@@ -48,15 +48,54 @@ demo: build
 
 bench: deps-bench
 	cmake -S . -B build-bench $(GEN) $(LAUNCHER) -DCMAKE_BUILD_TYPE=Release -DQUORVEL_BENCH=ON \
-	  -DQUORVEL_PYTHON=OFF
+	  -DQUORVEL_PYTHON=OFF -DQUORVEL_TOOLS=OFF
 	cmake --build build-bench -j $(JOBS) --target quorvel_bench
 	./build-bench/bench/quorvel_bench --filter='$(BENCH_FILTER)'
 
 install: build
 	cmake --install build --prefix $(PREFIX)
 
+# Fuzzing (clang + libFuzzer, ASan + UBSan): each target runs FUZZ_SECONDS on a scratch
+# corpus seeded from fuzz/corpus/<target>; inputs that reach new code are merged back into
+# fuzz/corpus (coverage edges only, so it stays small). Findings land in build-fuzz/findings.
+FUZZ_TARGETS := instance kernel envelope format_exception
+FUZZ_FLAGS := -max_len=4096 -timeout=30 -rss_limit_mb=2560 -print_final_stats=1
+fuzz: deps
+	cmake -S . -B build-fuzz $(GEN) $(LAUNCHER) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DCMAKE_CXX_COMPILER=clang++ -DQUORVEL_FUZZ=ON -DQUORVEL_SANITIZE="address;undefined" \
+	  -DQUORVEL_TESTS=OFF -DQUORVEL_TOOLS=OFF -DQUORVEL_PYTHON=OFF
+	cmake --build build-fuzz -j $(JOBS) --target quorvel_fuzzers
+	@mkdir -p build-fuzz/logs build-fuzz/findings
+	@set -e; for t in $(FUZZ_TARGETS); do \
+	  mkdir -p build-fuzz/work/$$t fuzz/corpus/$$t; \
+	  echo "== fuzz $$t: $(FUZZ_SECONDS) s"; \
+	  ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
+	    ./build-fuzz/fuzz/quorvel_fuzz_$$t $(FUZZ_FLAGS) -max_total_time=$(FUZZ_SECONDS) \
+	    -artifact_prefix=build-fuzz/findings/$$t- build-fuzz/work/$$t fuzz/corpus/$$t \
+	    > build-fuzz/logs/$$t.log 2>&1 || { tail -80 build-fuzz/logs/$$t.log; exit 1; }; \
+	  grep -E "^Done|number_of_executed_units|new_units_added|peak_rss" build-fuzz/logs/$$t.log; \
+	  ./build-fuzz/fuzz/quorvel_fuzz_$$t -merge=1 -use_counters=0 -max_len=4096 \
+	    fuzz/corpus/$$t build-fuzz/work/$$t > build-fuzz/logs/$$t.merge.log 2>&1; \
+	  echo "   corpus: $$(ls fuzz/corpus/$$t | wc -l) files"; \
+	done
+
+# Soak: the stress and lifecycle tests for SOAK_SECONDS under ASan+LSan+UBSan, then the
+# stress tests for SOAK_SECONDS under TSan (so twice SOAK_SECONDS in all).
+soak: deps
+	cmake -S . -B build-soak-asan $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DQUORVEL_SANITIZE="address;undefined" -DQUORVEL_TOOLS=OFF -DQUORVEL_PYTHON=OFF
+	cmake --build build-soak-asan -j $(JOBS) --target quorvel_tests
+	cd build-soak-asan && QUORVEL_STRESS_SECONDS=$(SOAK_SECONDS) ASAN_OPTIONS=detect_leaks=1 \
+	  UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
+	  ./tests/quorvel_tests --gtest_filter='Stress.*:Lifecycle.*'
+	cmake -S . -B build-soak-tsan $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DQUORVEL_SANITIZE=thread -DQUORVEL_TOOLS=OFF -DQUORVEL_PYTHON=OFF
+	cmake --build build-soak-tsan -j $(JOBS) --target quorvel_concurrency_tests
+	cd build-soak-tsan && QUORVEL_STRESS_SECONDS=$(SOAK_SECONDS) TSAN_OPTIONS=halt_on_error=1 \
+	  ./tests/quorvel_concurrency_tests --gtest_filter='Stress.*'
+
 format:
 	clang-format -i $$(git ls-files '*.cpp' '*.hpp' '*.h')
 
 clean:
-	rm -rf build build-asan build-tsan build-bench build-fuzz out
+	rm -rf build build-asan build-tsan build-bench build-fuzz build-soak-asan build-soak-tsan out

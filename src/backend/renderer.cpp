@@ -13,7 +13,8 @@ constexpr char kWait[] = "void BufferProxy::wait()";
 // A buffer that should have pixels but has no storage (a source that was never written, a
 // target released under a job) would send the kernel through a null pointer.
 void requireStorage(std::shared_ptr<Buffer2D> const& buffer) {
-  if (!buffer || (buffer->pixelCount() == 0 && buffer->width() * buffer->height() != 0)) {
+  // The sides are tested one by one: their product can wrap to 0 for a huge buffer.
+  if (!buffer || (buffer->pixelCount() == 0 && buffer->width() != 0 && buffer->height() != 0)) {
     throw QuorvelException("buffer data does not exist", kExecuteJob);
   }
 }

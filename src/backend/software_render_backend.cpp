@@ -101,6 +101,10 @@ std::shared_ptr<Buffer2D> makeTargetBuffer(size_t bits, bool isSigned, size_t w,
 // (coefficients), three and four are 8-bit pixels.
 std::shared_ptr<Buffer2D> makeTileBuffer(std::vector<size_t> const& size) {
   if (size.size() < 3) return nullptr;
+  // A size with more bytes than memory can address is refused like a bad component count.
+  if (saturatingMul(saturatingMul(size[0], size[1]), 4) == std::numeric_limits<size_t>::max()) {
+    return nullptr;
+  }
   switch (size[2]) {
     case 1:
       return std::make_shared<Buffer2DVector<int16_t>>(size[0], size[1], true);
@@ -320,6 +324,11 @@ std::vector<unsigned char> SoftwareRenderBackendInstance::getPixels(
   if (rect[0] + rect[1] < rect[0] || rect[0] + rect[1] > dims[0] || rect[2] + rect[3] < rect[2] ||
       rect[2] + rect[3] > dims[1]) {
     proxy->buffer()->getPixels(nullptr, 0, rect[0], rect[2], rect[1], rect[3]);
+  }
+  // Inside the buffer but more than its storage holds: a target that never got storage,
+  // possibly one too large to have any. Answer as the buffer would, without the vector.
+  if (required > proxy->buffer()->byteSize()) {
+    throw QuorvelException(buffer_detail::kNoData, buffer_detail::kGetPixels);
   }
   std::vector<unsigned char> pixels(required);
   proxy->buffer()->getPixels(pixels.data(), pixels.size(), rect[0], rect[2], rect[1], rect[3]);

@@ -25,7 +25,8 @@ template <class P>
 Buffer2DVector<P>& typed(std::vector<std::shared_ptr<Buffer2D>> const& list, size_t i) {
   if (i >= list.size() || !list[i]) throw QuorvelException(kNoData, kApplyLocation);
   auto& buffer = *Buffer2DVector<P>::cast(list[i]);
-  if (buffer.data() == nullptr && buffer.width() * buffer.height() != 0) {
+  // Not width * height != 0: that product can wrap to 0 for a huge, storage-less buffer.
+  if (buffer.data() == nullptr && buffer.width() != 0 && buffer.height() != 0) {
     throw QuorvelException(kNoData, kApplyLocation);
   }
   return buffer;

@@ -97,7 +97,7 @@ class SoftwareRenderBackend : public RenderBackend {
   ImageFormatType formatType_;
   std::weak_ptr<Renderer> rendererRef_;
   size_t cacheCapacity_;
-  size_t reserved_ = 1;  // kept for layout compatibility; read by nothing
+  [[maybe_unused]] size_t reserved_ = 1;  // kept for layout compatibility; read by nothing
 };
 
 /// One host's view of a backend.
@@ -190,13 +190,13 @@ class SoftwareRenderBackendInstance : public RenderBackendInstance {
   std::shared_ptr<BufferProxy> requireTarget(size_t target, char const* location) const;
 
   size_t id_;
-  RenderContext const& context_;
+  [[maybe_unused]] RenderContext const& context_;
   std::shared_ptr<backend_detail::TileCache> tileCache_;
   std::shared_ptr<backend_detail::FilterInstances> filterInstances_;
   std::shared_ptr<backend_detail::EnvelopeCache> envelopeCache_;
   std::shared_ptr<SoftwareFilterFactory> builtinFactory_;
   std::shared_ptr<SoftwareFilterFactory> extraFactory_;
-  RenderBackend::ImageFormatType formatType_;
+  [[maybe_unused]] RenderBackend::ImageFormatType formatType_;
   std::shared_ptr<Renderer> renderer_;
 };
 

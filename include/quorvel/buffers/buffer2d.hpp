@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <new>
 #include <typeinfo>
 #include <vector>
 
@@ -82,9 +83,11 @@ class Buffer2DVector final : public Buffer2D {
   using Storage = std::vector<PixelType, PixelAllocator<PixelType>>;
 
   /// Storage of zero pixels is created only when `allocate` is set and the size is not 0.
+  /// A size whose byte count does not fit in size_t fails with std::bad_array_new_length
+  /// when storage is requested (here or by resize/allocate).
   Buffer2DVector(size_t width, size_t height, bool allocate)
       : Buffer2D(typeid(PixelType)), width_(width), height_(height) {
-    if (allocate && width * height != 0) {
+    if (allocate && checkedCount(width, height) != 0) {
       storage_ = std::make_unique<Storage>(width * height);
       pixelCount_ = width * height;
     }
@@ -102,7 +105,7 @@ class Buffer2DVector final : public Buffer2D {
   void allocate() override { resize(width_, height_); }
 
   void resize(size_t width, size_t height) override {
-    size_t const count = width * height;
+    size_t const count = checkedCount(width, height);
     if (count == 0) {
       storage_.reset();
     } else if (storage_) {
@@ -134,6 +137,15 @@ class Buffer2DVector final : public Buffer2D {
   static std::shared_ptr<Buffer2DVector> cast(std::shared_ptr<Buffer2D> const& buffer);
 
  private:
+  // width * height, refusing sizes whose product (in bytes) wraps around: a wrapped count
+  // would give a huge buffer a few pixels of storage.
+  static size_t checkedCount(size_t width, size_t height) {
+    if (width != 0 && height > SIZE_MAX / sizeof(PixelType) / width) {
+      throw std::bad_array_new_length();
+    }
+    return width * height;
+  }
+
   size_t width_;
   size_t height_;
   std::unique_ptr<Storage> storage_;

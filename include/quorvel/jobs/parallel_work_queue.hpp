@@ -76,7 +76,7 @@ class ParallelWorkQueue {
     tickets_[slot].store(ticket);
     jobAbsent_[slot].clear();
     freeSlots_.fetch_sub(1);
-    jobAvailable_.notify_one();
+    wakeOne(workerMutex_, jobAvailable_, sleepingWorkers_);
     return {slot, static_cast<size_t>(ticket)};
   }
 
@@ -115,13 +115,48 @@ class ParallelWorkQueue {
     std::atomic<uint64_t> ticket{SIZE_MAX};
   };
 
+  // Signals one sleeper of `condition`. The flag the sleeper waits for was set (seq_cst)
+  // before `sleepers` is read, and a sleeper counts itself before its last scan, so either
+  // that scan sees the flag or this call sees the sleeper; passing through the mutex then
+  // delays the signal until the sleeper is inside its wait. No lock when nobody sleeps.
+  static void wakeOne(std::mutex& mutex, std::condition_variable& condition,
+                      std::atomic<uint64_t>& sleepers) {
+    if (sleepers.load() != 0) {
+      std::lock_guard<std::mutex> lock(mutex);
+    }
+    condition.notify_one();
+  }
+
+  // The first index whose flag test-and-set finds clear, or N.
+  static size_t claimFirst(std::atomic_flag (&flags)[N]) {
+    for (size_t i = 0; i < N; ++i) {
+      if (!flags[i].test_and_set()) return i;
+    }
+    return N;
+  }
+
+  // Scans `flags` once more under `mutex` after counting itself as a sleeper, and sleeps
+  // until signalled or `timeout` only when that scan finds nothing. Returns the claimed
+  // index or N. The timeout stays as a backstop.
+  static size_t claimOrSleep(std::atomic_flag (&flags)[N], std::mutex& mutex,
+                             std::condition_variable& condition, std::atomic<uint64_t>& sleepers,
+                             std::chrono::steady_clock::duration timeout) {
+    std::unique_lock<std::mutex> lock(mutex);
+    sleepers.fetch_add(1);
+    size_t const claimed = claimFirst(flags);
+    if (claimed == N) condition.wait_until(lock, std::chrono::steady_clock::now() + timeout);
+    sleepers.fetch_sub(1);
+    return claimed;
+  }
+
   size_t claimSlot() {
     for (;;) {
-      for (size_t i = 0; i < N; ++i) {
-        if (!slotBusy_[i].test_and_set()) return i;
+      size_t slot = claimFirst(slotBusy_);
+      if (slot == N) {
+        slot = claimOrSleep(slotBusy_, producerMutex_, slotFree_, sleepingProducers_,
+                            std::chrono::milliseconds(100));
       }
-      std::unique_lock<std::mutex> lock(producerMutex_);
-      slotFree_.wait_until(lock, std::chrono::steady_clock::now() + std::chrono::milliseconds(100));
+      if (slot != N) return slot;
     }
   }
 
@@ -129,17 +164,11 @@ class ParallelWorkQueue {
     W renderer{};
     for (;;) {
       bool const running = running_.test_and_set();
-      size_t taken = N;
-      for (size_t i = 0; i < N; ++i) {
-        if (!jobAbsent_[i].test_and_set()) {
-          taken = i;
-          break;
-        }
-      }
+      size_t taken = claimFirst(jobAbsent_);
       if (taken == N && running) {
-        std::unique_lock<std::mutex> lock(workerMutex_);
-        jobAvailable_.wait_until(lock, std::chrono::steady_clock::now() + std::chrono::seconds(1));
-        continue;
+        taken = claimOrSleep(jobAbsent_, workerMutex_, jobAvailable_, sleepingWorkers_,
+                             std::chrono::seconds(1));
+        if (taken == N) continue;
       }
       if (!running) {
         // Keep the stop visible to every other worker; drain until a scan finds nothing.
@@ -166,7 +195,7 @@ class ParallelWorkQueue {
     tickets_[slot].fetch_add(1);
     slotBusy_[slot].clear();
     freeSlots_.fetch_add(1);
-    slotFree_.notify_one();
+    wakeOne(producerMutex_, slotFree_, sleepingProducers_);
     try {
       function(item, renderer);
     } catch (...) {
@@ -226,6 +255,9 @@ class ParallelWorkQueue {
   std::condition_variable slotFree_;
   std::mutex workerMutex_;
   std::condition_variable jobAvailable_;
+  // Threads between their last scan and the end of their timed wait.
+  std::atomic<uint64_t> sleepingProducers_{0};
+  std::atomic<uint64_t> sleepingWorkers_{0};
 };
 
 }  // namespace quorvel
