@@ -108,7 +108,9 @@ class FuzzInput {
 
   /// Up to `maxLength` bytes.
   std::vector<unsigned char> bytes(size_t maxLength) {
-    size_t const length = std::min(upTo(255) * maxLength / 255, remaining());
+    // The length byte is read first: remaining() must count what is left after it.
+    size_t const wanted = upTo(255) * maxLength / 255;
+    size_t const length = std::min(wanted, remaining());
     std::vector<unsigned char> out(data_ + position_, data_ + position_ + length);
     position_ += length;
     return out;
