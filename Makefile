@@ -43,6 +43,8 @@ test-tsan: deps
 	cmake --build build-tsan -j $(JOBS) --target quorvel_concurrency_tests
 	cd build-tsan && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -j $(JOBS) -L concurrency
 
+# The main job: a generated 4096 x 4096 slide encoded as wavelet tiles, streamed through the
+# backend and checked bit for bit; the pictures land in out/.
 demo: build
 	./build/tools/render/quorvel-render -o out/render.png --compare out/compare.png
 
