@@ -45,7 +45,9 @@ test-tsan: deps
 
 # The main job: a generated 4096 x 4096 slide encoded as wavelet tiles, streamed through the
 # backend and checked bit for bit; the pictures land in out/.
-demo: build
+demo: deps
+	cmake -S . -B build $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=Release
+	cmake --build build -j $(JOBS) --target quorvel-render
 	./build/tools/render/quorvel-render -o out/render.png --compare out/compare.png
 
 bench: deps-bench
