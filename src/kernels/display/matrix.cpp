@@ -53,8 +53,15 @@ void SoftwareFilter3x3Matrix<IC, OC, N>::apply(
   auto const targetWidth = static_cast<int64_t>(target.width());
   InputPixel const* in = source.data() + span.inY * sourceWidth + span.inX;
   OutputPixel* out = target.data() + span.outY * targetWidth + span.outX;
-  auto const width = static_cast<size_t>(span.width);
-  for (int64_t row = 0; row < span.height; ++row, in += sourceWidth, out += targetWidth) {
+  auto width = static_cast<size_t>(span.width);
+  int64_t height = span.height;
+  // Full-width rows in both buffers are one contiguous run: a single row call (the kernel
+  // is per pixel), without a dispatch and a scalar tail per row.
+  if (span.width == sourceWidth && span.width == targetWidth) {
+    width *= static_cast<size_t>(height);
+    height = 1;
+  }
+  for (int64_t row = 0; row < height; ++row, in += sourceWidth, out += targetWidth) {
     if constexpr (std::is_same_v<IC, uint8_t>) {
       matrix_detail::applyMatrixRgba8(coefficients.data(), in->data(), out->data(), width);
     } else {

@@ -37,6 +37,55 @@ inline bool productsMayWrap(int32_t const* m, int64_t maxSample) {
   return false;
 }
 
+/// One 32-lane word permute index, aligned for a vector load.
+struct WordIndex {
+  alignas(64) uint16_t words[32];
+};
+
+// Channel c of 32 pixels of 3 x int16 held in three vectors: lane p takes sample 3p + c.
+// Samples below 64 come from a two-table permute of the first two vectors (index 3p + c);
+// the others from a masked permute of the third (index 3p + c - 64, the same low 5 bits).
+constexpr WordIndex deinterleave3Index(int c) {
+  WordIndex r{};
+  for (int p = 0; p < 32; ++p) r.words[p] = static_cast<uint16_t>((3 * p + c) % 64);
+  return r;
+}
+constexpr uint32_t deinterleave3ThirdMask(int c) {
+  uint32_t m = 0;
+  for (int p = 0; p < 32; ++p) {
+    if (3 * p + c >= 64) m |= uint32_t{1} << p;
+  }
+  return m;
+}
+
+// Output vector k (samples 32k..32k+31) of three channel vectors: channel 0 and 1 lanes
+// index a two-table permute of channels 0 and 1 (channel 1 as 32 + p); channel 2 lanes
+// (interleave3ThirdMask) a masked permute of channel 2.
+constexpr WordIndex interleave3Index(int k) {
+  WordIndex r{};
+  for (int o = 0; o < 32; ++o) {
+    int const g = 32 * k + o, p = g / 3, c = g % 3;
+    r.words[o] = static_cast<uint16_t>(c == 1 ? 32 + p : p);
+  }
+  return r;
+}
+constexpr uint32_t interleave3ThirdMask(int k) {
+  uint32_t m = 0;
+  for (int o = 0; o < 32; ++o) {
+    if ((32 * k + o) % 3 == 2) m |= uint32_t{1} << o;
+  }
+  return m;
+}
+
+inline constexpr WordIndex kDeinterleave3Index[3] = {deinterleave3Index(0), deinterleave3Index(1),
+                                                     deinterleave3Index(2)};
+inline constexpr uint32_t kDeinterleave3ThirdMask[3] = {
+    deinterleave3ThirdMask(0), deinterleave3ThirdMask(1), deinterleave3ThirdMask(2)};
+inline constexpr WordIndex kInterleave3Index[3] = {interleave3Index(0), interleave3Index(1),
+                                                   interleave3Index(2)};
+inline constexpr uint32_t kInterleave3ThirdMask[3] = {
+    interleave3ThirdMask(0), interleave3ThirdMask(1), interleave3ThirdMask(2)};
+
 }  // namespace quorvel::matrix_detail
 #endif
 
@@ -146,6 +195,46 @@ size_t matrixRgbS16Blocks(int32_t const* c, int16_t const* in, int16_t* out, siz
     return hn::DemoteTo(dh16, roundQ10(s));
   };
   size_t i = 0;
+#if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
+  // 32 pixels per vector: the channels are separated and put back with two word permutes
+  // per vector across all 512 bits, cheaper than the generic 128-bit-block shuffles.
+  using matrix_detail::kDeinterleave3Index;
+  using matrix_detail::kDeinterleave3ThirdMask;
+  using matrix_detail::kInterleave3Index;
+  using matrix_detail::kInterleave3ThirdMask;
+  static_assert(hn::MaxLanes(d16) == 32, "one 512-bit vector of int16");
+  __m512i split[3], join[3];
+  for (int k = 0; k < 3; ++k) {
+    split[k] = _mm512_load_si512(kDeinterleave3Index[k].words);
+    join[k] = _mm512_load_si512(kInterleave3Index[k].words);
+  }
+  for (; i + 32 <= width; i += 32) {
+    int16_t const* src = in + 3 * i;
+    __m512i const v0 = _mm512_loadu_si512(src), v1 = _mm512_loadu_si512(src + 32);
+    __m512i const v2 = _mm512_loadu_si512(src + 64);
+    hn::Vec<decltype(d16)> x[3];
+    for (int c = 0; c < 3; ++c) {
+      __m512i const low = _mm512_permutex2var_epi16(v0, split[c], v1);
+      x[c].raw = _mm512_mask_permutexvar_epi16(low, kDeinterleave3ThirdMask[c], split[c], v2);
+    }
+    hn::Vec<decltype(d16)> const r = x[0], g = x[1], b = x[2];
+    V32 const r0 = hn::PromoteTo(d32, hn::LowerHalf(dh16, r));
+    V32 const g0 = hn::PromoteTo(d32, hn::LowerHalf(dh16, g));
+    V32 const b0 = hn::PromoteTo(d32, hn::LowerHalf(dh16, b));
+    V32 const r1 = hn::PromoteTo(d32, hn::UpperHalf(dh16, r));
+    V32 const g1 = hn::PromoteTo(d32, hn::UpperHalf(dh16, g));
+    V32 const b1 = hn::PromoteTo(d32, hn::UpperHalf(dh16, b));
+    __m512i const o0 = hn::Combine(d16, channel(0, r1, g1, b1), channel(0, r0, g0, b0)).raw;
+    __m512i const o1 = hn::Combine(d16, channel(1, r1, g1, b1), channel(1, r0, g0, b0)).raw;
+    __m512i const o2 = hn::Combine(d16, channel(2, r1, g1, b1), channel(2, r0, g0, b0)).raw;
+    // Written after all reads of the block: the kernel may run in place.
+    for (int k = 0; k < 3; ++k) {
+      __m512i const low = _mm512_permutex2var_epi16(o0, join[k], o1);
+      _mm512_storeu_si512(out + 3 * i + 32 * k, _mm512_mask_permutexvar_epi16(
+                                                    low, kInterleave3ThirdMask[k], join[k], o2));
+    }
+  }
+#endif
   for (; i + n <= width; i += n) {
     hn::Vec<decltype(d16)> r, g, b;
     hn::LoadInterleaved3(d16, in + 3 * i, r, g, b);

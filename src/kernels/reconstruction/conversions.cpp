@@ -150,6 +150,14 @@ void SoftwareInterleaveFilter<T, N>::apply(std::vector<std::shared_ptr<Buffer2D>
   bool const stream = static_cast<size_t>(common.width * common.height) * sizeof(T) * N >=
                       kernel::kStreamThresholdBytes;
   std::array<T, N>* out = target.data() + common.outY * tw + common.outX;
+  // Full-width rows in every buffer are one contiguous run: a single call.
+  bool contiguous = common.width == tw;
+  for (size_t c = 0; c < N; ++c) contiguous = contiguous && common.width == strides[c];
+  if (contiguous) {
+    kernel::interleave3Vector(rows[0], rows[1], rows[2], out->data(),
+                              static_cast<size_t>(common.width * common.height), stream);
+    return;
+  }
   for (int64_t j = 0; j < common.height; ++j, out += tw) {
     kernel::interleave3Vector(rows[0], rows[1], rows[2], out->data(),
                               static_cast<size_t>(common.width), stream);
