@@ -491,7 +491,9 @@ void SoftwareRenderBackendInstance::executeFilter(
   }
   job.outputRects.push_back(std::move(outputRect));
   job.targets.push_back(std::move(target));
-  job.params = params.clone();
+  // The shared empty set lives for the whole program; anything else is copied so that the
+  // caller's object may go away before a worker runs the job.
+  if (&params != &FilterEmptyParams::instance()) job.params = params.clone();
   renderer_->submit(std::move(job));
 }
 
