@@ -10,6 +10,7 @@
 #include <typeinfo>
 
 #include "filters/kernel_frame.hpp"
+#include "kernels/simd_targets.hpp"
 
 namespace quorvel {
 namespace {
@@ -81,21 +82,6 @@ std::vector<int> randomRect(size_t w, size_t h, std::mt19937& rng) {
   std::uniform_int_distribution<int> x(-3, static_cast<int>(w) - 1), y(-3, static_cast<int>(h) - 1);
   std::uniform_int_distribution<int> size(1, 40);
   return {x(rng), y(rng), size(rng), size(rng)};
-}
-
-// Runs `body` once for every SIMD target this machine supports, then restores detection.
-template <class F>
-void forEachTarget(F&& body) {
-  auto const supported = static_cast<uint64_t>(hwy::SupportedTargets());
-  for (uint64_t bit = 1; bit != 0 && bit <= supported; bit <<= 1) {
-    if ((supported & bit) == 0) continue;
-    hwy::SetSupportedTargetsForTest(static_cast<int64_t>(bit));
-    hwy::GetChosenTarget().Update(hwy::SupportedTargets());
-    SCOPED_TRACE(hwy::TargetName(static_cast<int64_t>(bit)));
-    body();
-  }
-  hwy::SetSupportedTargetsForTest(0);
-  hwy::GetChosenTarget().Update(hwy::SupportedTargets());
 }
 
 // Parameters whose key ignores the fields, to show that the key alone selects the table.
@@ -406,7 +392,7 @@ TEST(LutRows, VectorFormsEqualScalarOnEveryTarget) {
   std::vector<uint8_t> big(32768 + 3);
   for (auto& v : big) v = static_cast<uint8_t>(rng());
 
-  forEachTarget([&] {
+  testing::forEachSimdTarget([&] {
     for (size_t width : {size_t{0}, size_t{1}, size_t{7}, size_t{15}, size_t{16}, size_t{17},
                          size_t{31}, size_t{33}, size_t{64}, size_t{65}, size_t{129}, maxWidth}) {
       std::vector<uint8_t> want(4 * width + 8, 0xEE), got(4 * width + 8, 0xEE);

@@ -7,6 +7,7 @@
 #include <random>
 
 #include "filters/kernel_frame.hpp"
+#include "kernels/simd_targets.hpp"
 
 namespace quorvel {
 namespace {
@@ -45,20 +46,6 @@ std::array<int64_t, 3> referencePixel(std::array<int32_t, 9> const& mp, int32_t 
 Filter matrixDescription(bool sixteen) {
   return sixteen ? pointFilter("Filter3x3Matrix16", 1, 48, 48, 3, 3, 16)
                  : pointFilter("Filter3x3Matrix8", 1, 32, 32, 4, 4, 8);
-}
-
-template <class F>
-void forEachTarget(F&& body) {
-  auto const supported = static_cast<uint64_t>(hwy::SupportedTargets());
-  for (uint64_t bit = 1; bit != 0 && bit <= supported; bit <<= 1) {
-    if ((supported & bit) == 0) continue;
-    hwy::SetSupportedTargetsForTest(static_cast<int64_t>(bit));
-    hwy::GetChosenTarget().Update(hwy::SupportedTargets());
-    SCOPED_TRACE(hwy::TargetName(static_cast<int64_t>(bit)));
-    body();
-  }
-  hwy::SetSupportedTargetsForTest(0);
-  hwy::GetChosenTarget().Update(hwy::SupportedTargets());
 }
 
 // One pixel through the 8-bit filter.
@@ -223,7 +210,7 @@ TEST(Matrix3x3, VectorFormsEqualScalarOnEveryTarget) {
     for (auto& c : m) c = std::uniform_int_distribution<int32_t>(-range, range)(rng);
     matrices.push_back(m);
   }
-  forEachTarget([&] {
+  testing::forEachSimdTarget([&] {
     for (auto const& m : matrices) {
       for (size_t width : {size_t{0}, size_t{1}, size_t{3}, size_t{4}, size_t{5}, size_t{8},
                            size_t{9}, size_t{16}, size_t{17}, size_t{33}, size_t{65}, maxWidth}) {
