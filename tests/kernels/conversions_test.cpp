@@ -7,6 +7,7 @@
 #include <random>
 
 #include "kernels/simd_targets.hpp"
+#include "support/buffers.hpp"
 
 namespace quorvel {
 namespace {
@@ -15,17 +16,8 @@ using Rgb16 = std::array<int16_t, 3>;
 using Rgb8 = std::array<uint8_t, 3>;
 using Rgba8 = std::array<uint8_t, 4>;
 
-template <class P>
-std::shared_ptr<Buffer2DVector<P>> buffer(size_t w, size_t h, P fill = P{}) {
-  auto b = std::make_shared<Buffer2DVector<P>>(w, h, true);
-  std::fill(b->data(), b->data() + w * h, fill);
-  return b;
-}
-
-template <class P>
-std::vector<P> contents(Buffer2DVector<P> const& b) {
-  return {b.data(), b.data() + b.width() * b.height()};
-}
+using testing::buffer;
+using testing::contents;
 
 template <class F>
 void run(std::vector<std::shared_ptr<Buffer2D>> const& in,

@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <random>
+#include <type_traits>
 
 #include "filters/kernel_frame.hpp"
 #include "kernels/simd_targets.hpp"
@@ -48,11 +49,12 @@ Filter matrixDescription(bool sixteen) {
                  : pointFilter("Filter3x3Matrix8", 1, 32, 32, 4, 4, 8);
 }
 
-// One pixel through the 8-bit filter.
-PixelRgba8 run8(PixelRgba8 pixel, std::array<int32_t, 9> m, double scale) {
-  Matrix8 filter(matrixDescription(false));
-  auto source = std::make_shared<Buffer2DVector<PixelRgba8>>(1, 1, true);
-  auto target = std::make_shared<Buffer2DVector<PixelRgba8>>(1, 1, true);
+// One pixel through the 8-bit (Matrix8, RGBA) or 16-bit (Matrix16, RGB) filter.
+template <class Kernel, class Pixel>
+Pixel runOne(Pixel pixel, std::array<int32_t, 9> m, double scale) {
+  Kernel filter(matrixDescription(std::is_same_v<Pixel, PixelRgbS16>));
+  auto source = std::make_shared<Buffer2DVector<Pixel>>(1, 1, true);
+  auto target = std::make_shared<Buffer2DVector<Pixel>>(1, 1, true);
   source->data()[0] = pixel;
   Filter3x3MatrixParams p;
   p.matrix = m;
@@ -61,16 +63,12 @@ PixelRgba8 run8(PixelRgba8 pixel, std::array<int32_t, 9> m, double scale) {
   return target->data()[0];
 }
 
+PixelRgba8 run8(PixelRgba8 pixel, std::array<int32_t, 9> m, double scale) {
+  return runOne<Matrix8>(pixel, m, scale);
+}
+
 PixelRgbS16 run16(PixelRgbS16 pixel, std::array<int32_t, 9> m, double scale) {
-  Matrix16 filter(matrixDescription(true));
-  auto source = std::make_shared<Buffer2DVector<PixelRgbS16>>(1, 1, true);
-  auto target = std::make_shared<Buffer2DVector<PixelRgbS16>>(1, 1, true);
-  source->data()[0] = pixel;
-  Filter3x3MatrixParams p;
-  p.matrix = m;
-  p.scale = scale;
-  filter.apply({source}, {{}}, {target}, {{0, 0, 1, 1}}, p);
-  return target->data()[0];
+  return runOne<Matrix16>(pixel, m, scale);
 }
 
 constexpr std::array<int32_t, 9> kIdentity = {1024, 0, 0, 0, 1024, 0, 0, 0, 1024};
