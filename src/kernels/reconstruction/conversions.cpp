@@ -153,14 +153,17 @@ void SoftwareInterleaveFilter<T, N>::apply(std::vector<std::shared_ptr<Buffer2D>
   // Full-width rows in every buffer are one contiguous run: a single call.
   bool contiguous = common.width == tw;
   for (size_t c = 0; c < N; ++c) contiguous = contiguous && common.width == strides[c];
+  auto const streamFrom = [&] {
+    return kernel::streamRow(stream, rows[0], out) && kernel::streamRow(true, rows[1], rows[2]);
+  };
   if (contiguous) {
     kernel::interleave3Vector(rows[0], rows[1], rows[2], out->data(),
-                              static_cast<size_t>(common.width * common.height), stream);
+                              static_cast<size_t>(common.width * common.height), streamFrom());
     return;
   }
   for (int64_t j = 0; j < common.height; ++j, out += tw) {
     kernel::interleave3Vector(rows[0], rows[1], rows[2], out->data(),
-                              static_cast<size_t>(common.width), stream);
+                              static_cast<size_t>(common.width), streamFrom());
     for (size_t c = 0; c < N; ++c) rows[c] += strides[c];
   }
 }

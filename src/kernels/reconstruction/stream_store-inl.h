@@ -28,39 +28,63 @@ namespace hn = hwy::HWY_NAMESPACE;
 /// a shared last-level cache, below which the output is better left cached.
 inline constexpr size_t kStreamThresholdBytes = size_t{8} << 20;
 
-/// Copies `bytes` from src to dst, the vector-aligned middle of dst with streaming stores.
-/// The caller issues hwy::FlushStream() before the target is read by another thread.
-HWY_INLINE void StreamCopy(uint8_t* HWY_RESTRICT dst, const uint8_t* HWY_RESTRICT src,
-                           size_t bytes) {
+/// Cache line size that streaming works in.
+inline constexpr size_t kStreamLineBytes = 64;
+
+/// Bytes computed into the first-level cache before they are streamed out. Small on
+/// purpose: with a few kilobytes the core alternates long bursts of reads with long bursts
+/// of streaming stores, and a pass ran twice as slow as with a few lines at a time, where
+/// the reads and the write-combining buffers stay busy together.
+inline constexpr size_t kStreamChunkBytes = 1024;
+
+/// Streams `bytes` (whole lines) from the aligned `src` to the line-aligned `dst`.
+HWY_INLINE void StreamLines(uint8_t* HWY_RESTRICT dst, const uint8_t* HWY_RESTRICT src,
+                            size_t bytes) {
   const hn::ScalableTag<uint8_t> d;
-  const size_t n = hn::Lanes(d);
-  // Head: up to the first vector-aligned target byte.
-  size_t i = (n - reinterpret_cast<uintptr_t>(dst) % n) % n;
-  if (i > bytes) i = bytes;
-  std::memcpy(dst, src, i);
-  // Blocks of whole aligned vectors.
-  for (; i + n <= bytes; i += n) hn::Stream(hn::LoadU(d, src + i), d, dst + i);
-  // Tail.
-  std::memcpy(dst + i, src + i, bytes - i);
+  const size_t n = hn::Lanes(d);  // divides the line size on every target
+  for (size_t i = 0; i < bytes; i += n) hn::Stream(hn::Load(d, src + i), d, dst + i);
 }
 
-/// Writes `count` items of a row of `itemBytes` bytes each: compute(first, n, out) stores
-/// items [first, first + n) at out. Streams through a small cached staging area when
-/// `stream` is set, otherwise computes straight into dst.
+/// Writes `count` items of `itemBytes` bytes each at dst, where compute(first, n, out)
+/// stores items [first, first + n) at out; `unit` items always go to one call together (a
+/// compute working on pairs passes 2). Without `stream`, one call computes straight into
+/// dst. With it, a head up to the first line boundary of dst and the partial last chunk
+/// are computed in place with ordinary stores, and everything between goes through a small
+/// cached staging area in whole, aligned lines written with streaming stores: a line
+/// written partly by streaming and partly by ordinary stores costs a flush of the
+/// write-combining buffer and a read of the line. The caller issues hwy::FlushStream()
+/// before the target is read by another thread.
 template <class F>
-HWY_INLINE void WriteRow(uint8_t* dst, size_t count, size_t itemBytes, bool stream, F&& compute) {
-  if (!stream) {
+HWY_INLINE void WriteRow(uint8_t* dst, size_t count, size_t itemBytes, bool stream, F&& compute,
+                         size_t unit = 1) {
+  constexpr size_t kLine = kStreamLineBytes;
+  alignas(64) uint8_t staging[4 * kStreamChunkBytes];
+  // Items per chunk: whole lines, a multiple of `unit`, about kStreamChunkBytes.
+  size_t granule = unit;
+  while (granule * itemBytes % kLine != 0 && granule * itemBytes <= sizeof(staging)) granule *= 2;
+  size_t const chunk =
+      granule *
+      (granule * itemBytes < kStreamChunkBytes ? kStreamChunkBytes / (granule * itemBytes) : 1);
+  // Head: the fewest whole units that end on a line boundary of dst, if any do.
+  auto const address = reinterpret_cast<uintptr_t>(dst);
+  size_t head = count;
+  for (size_t n = 0; n < kLine * unit && n < count; n += unit) {
+    if ((address + n * itemBytes) % kLine == 0) {
+      head = n;
+      break;
+    }
+  }
+  if (!stream || chunk * itemBytes > sizeof(staging) || head + chunk > count) {
     compute(size_t{0}, count, dst);
     return;
   }
-  constexpr size_t kStagingBytes = 8192;
-  alignas(64) uint8_t staging[kStagingBytes];
-  size_t const chunk = kStagingBytes / itemBytes;
-  for (size_t first = 0; first < count; first += chunk) {
-    size_t const n = count - first < chunk ? count - first : chunk;
-    compute(first, n, staging);
-    StreamCopy(dst + first * itemBytes, staging, n * itemBytes);
+  if (head != 0) compute(size_t{0}, head, dst);
+  size_t first = head;
+  for (; first + chunk <= count; first += chunk) {
+    compute(first, chunk, staging);
+    StreamLines(dst + first * itemBytes, staging, chunk * itemBytes);
   }
+  if (first < count) compute(first, count - first, dst + first * itemBytes);
 }
 
 }  // namespace quorvel::HWY_NAMESPACE

@@ -73,13 +73,36 @@ HWY_INLINE void PairRows(const int16_t* l0, const int16_t* l1, const int16_t* h0
   }
 }
 
+// PairRows for line-aligned rows of a target larger than the caches: whole vectors are
+// written with streaming stores, which skips reading each target line before it is
+// written; the partial vector at the end goes through PairRows.
+HWY_INLINE void StreamPairRows(const int16_t* l0, const int16_t* l1, const int16_t* h0,
+                               const int16_t* h1, const int16_t* h2, size_t count, int16_t* evenOut,
+                               int16_t* oddOut) {
+  const hn::ScalableTag<int16_t> d;
+  const size_t lanes = hn::Lanes(d);
+  size_t c = 0;
+  for (; c + lanes <= count; c += lanes) {
+    auto const vh1 = hn::LoadU(d, h1 + c);
+    auto const e0 = Even(d, hn::LoadU(d, l0 + c), hn::LoadU(d, h0 + c), vh1);
+    auto const e1 = Even(d, hn::LoadU(d, l1 + c), vh1, hn::LoadU(d, h2 + c));
+    hn::Stream(e0, d, evenOut + c);
+    hn::Stream(Odd(vh1, e0, e1), d, oddOut + c);
+  }
+  if (c < count) {
+    PairRows(l0 + c, l1 + c, h0 + c, h1 + c, h2 + c, count - c, evenOut + c, oddOut + c);
+  }
+}
+
 // Writes `count` 16-bit target values at `row` from compute(first, n, out).
 template <class F>
 HWY_INLINE void WriteSamples(int16_t* row, size_t count, bool stream, F&& compute) {
-  WriteRow(reinterpret_cast<uint8_t*>(row), count, sizeof(int16_t), stream,
-           [&](size_t first, size_t n, uint8_t* out) {
-             compute(first, n, reinterpret_cast<int16_t*>(out));
-           });
+  WriteRow(
+      reinterpret_cast<uint8_t*>(row), count, sizeof(int16_t), stream,
+      [&](size_t first, size_t n, uint8_t* out) {
+        compute(first, n, reinterpret_cast<int16_t*>(out));
+      },
+      /*unit=*/2);
 }
 
 void WaveletVertical(WaveletPlan const& plan) {
@@ -95,10 +118,24 @@ void WaveletVertical(WaveletPlan const& plan) {
   // Pairs, row by row down the bands. e(k + 1) is recomputed from rows that the previous
   // step left in the first-level cache: this measured faster than carrying it in a scratch
   // row, whose extra store stream costs more than the three vector operations it saves.
+  // A large target streams its row pairs when every row starts on a cache line (see
+  // StreamPairRows).
+  auto const pairs = static_cast<size_t>(plan.pairEnd - plan.pairBegin);
+  bool const stream = count * pairs * 2 * sizeof(int16_t) >= kStreamThresholdBytes;
   for (int64_t k = plan.pairBegin; k < plan.pairEnd; ++k) {
-    PairRows(lowRow(k), lowRow(k + 1), highRow(k), highRow(k + 1), highRow(k + 2), count,
-             outRow(2 * k), outRow(2 * k + 1));
+    int16_t const* const rows[5] = {lowRow(k), lowRow(k + 1), highRow(k), highRow(k + 1),
+                                    highRow(k + 2)};
+    int16_t* const even = outRow(2 * k);
+    int16_t* const odd = outRow(2 * k + 1);
+    uintptr_t misaligned = reinterpret_cast<uintptr_t>(even) | reinterpret_cast<uintptr_t>(odd);
+    for (int16_t const* row : rows) misaligned |= reinterpret_cast<uintptr_t>(row);
+    if (stream && misaligned % kStreamLineBytes == 0) {
+      StreamPairRows(rows[0], rows[1], rows[2], rows[3], rows[4], count, even, odd);
+    } else {
+      PairRows(rows[0], rows[1], rows[2], rows[3], rows[4], count, even, odd);
+    }
   }
+  if (stream) hwy::FlushStream();
   // Tail: the even-only row.
   for (int64_t k = plan.evenBegin; k < plan.evenEnd; ++k) {
     EvenRow(lowRow(k), highRow(k), highRow(k + 1), count, outRow(2 * k));
