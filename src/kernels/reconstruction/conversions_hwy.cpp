@@ -93,11 +93,25 @@ HWY_BEFORE_NAMESPACE();
 namespace quorvel::HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
 
+#if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
+// Stores one whole vector of a full block: streamed (the block then starts on a cache
+// line, see WriteBlocks) or ordinary.
+template <bool kStream>
+HWY_INLINE void StoreVector(void* out, __m512i v) {
+  if constexpr (kStream) {
+    _mm512_stream_si512(static_cast<__m512i*>(out), v);
+  } else {
+    _mm512_storeu_si512(out, v);
+  }
+}
+#endif
+
 #if HWY_TARGET == HWY_AVX3_DL
 // 32 pixels of 3 x int16 to RGBA8 with `count` (<= 32) of them valid: two saturating packs
 // narrow the three sample vectors (packus of int16 is exactly the clamp to 0..255), one
 // byte permute per 16 output pixels puts the samples in place and an OR sets alpha. Masked
 // loads and stores never touch memory past the valid pixels (they do not fault there).
+template <bool kStream>
 HWY_INLINE void Rgb16ToRgba8Block(const int16_t* in, uint8_t* out, size_t count, __m512i idx0,
                                   __m512i idx1, __m512i alpha) {
   using conversions_detail::firstLanes;
@@ -120,8 +134,8 @@ HWY_INLINE void Rgb16ToRgba8Block(const int16_t* in, uint8_t* out, size_t count,
       _mm512_or_si512(_mm512_maskz_permutexvar_epi8(~__mmask64{0}, idx0, p01), alpha);
   __m512i const o1 = _mm512_or_si512(_mm512_permutex2var_epi8(p01, idx1, p2), alpha);
   if (count == 32) {
-    _mm512_storeu_si512(out, o0);
-    _mm512_storeu_si512(out + 64, o1);
+    StoreVector<kStream>(out, o0);
+    StoreVector<kStream>(out + 64, o1);
   } else {
     size_t const bytes = 4 * count;
     _mm512_mask_storeu_epi8(out, firstLanes(bytes), o0);
@@ -130,6 +144,7 @@ HWY_INLINE void Rgb16ToRgba8Block(const int16_t* in, uint8_t* out, size_t count,
 }
 
 // 64 pixels of RGBA8 to RGB8 with `count` (<= 64) valid: three two-table byte permutes.
+template <bool kStream>
 HWY_INLINE void RemoveAlphaBlock(const uint8_t* in, uint8_t* out, size_t count, __m512i idx0,
                                  __m512i idx1, __m512i idx2) {
   using conversions_detail::firstLanes;
@@ -146,9 +161,9 @@ HWY_INLINE void RemoveAlphaBlock(const uint8_t* in, uint8_t* out, size_t count, 
   __m512i const o1 = _mm512_permutex2var_epi8(v[1], idx1, v[2]);
   __m512i const o2 = _mm512_permutex2var_epi8(v[2], idx2, v[3]);
   if (count == 64) {
-    _mm512_storeu_si512(out, o0);
-    _mm512_storeu_si512(out + 64, o1);
-    _mm512_storeu_si512(out + 128, o2);
+    StoreVector<kStream>(out, o0);
+    StoreVector<kStream>(out + 64, o1);
+    StoreVector<kStream>(out + 128, o2);
   } else {
     size_t const bytes = 3 * count;
     _mm512_mask_storeu_epi8(out, firstLanes(bytes), o0);
@@ -161,6 +176,7 @@ HWY_INLINE void RemoveAlphaBlock(const uint8_t* in, uint8_t* out, size_t count, 
 #if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
 // 32 pixels from three planes of int16 with `count` (<= 32) valid: per output vector one
 // two-table word permute of planes 0 and 1 and one masked permute that fills in plane 2.
+template <bool kStream>
 HWY_INLINE void Interleave3Block(const int16_t* c0, const int16_t* c1, const int16_t* c2,
                                  int16_t* out, size_t count, const __m512i* idx) {
   using conversions_detail::firstLanes;
@@ -178,7 +194,7 @@ HWY_INLINE void Interleave3Block(const int16_t* c0, const int16_t* c1, const int
     __m512i const ab = _mm512_permutex2var_epi16(a, idx[k], b);
     __m512i const o = _mm512_mask_permutexvar_epi16(ab, kInterleaveChannel2Mask[k], idx[k], c);
     if (count == 32) {
-      _mm512_storeu_si512(out + 32 * k, o);
+      StoreVector<kStream>(out + 32 * k, o);
     } else {
       size_t const words = 3 * count > 32 * k ? 3 * count - 32 * k : 0;
       _mm512_mask_storeu_epi16(out + 32 * k, static_cast<__mmask32>(firstLanes(words)), o);
@@ -197,14 +213,9 @@ void Rgb16ToRgba8(const int16_t* src, uint8_t* dst, size_t pixels, bool stream) 
   __m512i const idx0 = _mm512_load_si512(conversions_detail::kRgb16ToRgba8Index[0].bytes);
   __m512i const idx1 = _mm512_load_si512(conversions_detail::kRgb16ToRgba8Index[1].bytes);
   __m512i const alpha = _mm512_set1_epi32(static_cast<int32_t>(0xFF000000u));
-  WriteRow(dst, pixels, 4, stream, [&](size_t first, size_t n, uint8_t* out) {
-    const int16_t* in = src + 3 * first;
-    // Blocks of 32 pixels, then one masked block for the tail.
-    size_t i = 0;
-    for (; i + 32 <= n; i += 32, in += 96, out += 128) {
-      Rgb16ToRgba8Block(in, out, 32, idx0, idx1, alpha);
-    }
-    if (i < n) Rgb16ToRgba8Block(in, out, n - i, idx0, idx1, alpha);
+  // Blocks of 32 pixels, the tail one masked block.
+  WriteBlocks(dst, pixels, 4, 32, stream, [&](size_t first, size_t n, uint8_t* out, auto streamed) {
+    Rgb16ToRgba8Block<decltype(streamed)::value>(src + 3 * first, out, n, idx0, idx1, alpha);
   });
 #else
   WriteRow(dst, pixels, 4, stream, [&](size_t first, size_t n, uint8_t* out) {
@@ -232,24 +243,21 @@ void Gray16To8(const int16_t* src, uint8_t* dst, size_t pixels, bool stream) {
   // Blocks of 64 samples: one saturating pack of two vectors (exactly the clamp to 0..255)
   // and a qword permute undoing its per-128-bit interleave; the tail is one masked block.
   __m512i const order = _mm512_setr_epi64(0, 2, 4, 6, 1, 3, 5, 7);
-  WriteRow(dst, pixels, 1, stream, [&](size_t first, size_t n, uint8_t* out) {
+  WriteBlocks(dst, pixels, 1, 64, stream, [&](size_t first, size_t n, uint8_t* out, auto streamed) {
     using conversions_detail::firstLanes;
     const int16_t* in = src + first;
-    size_t i = 0;
-    for (; i + 64 <= n; i += 64) {
+    if (n == 64) {
       __m512i const packed =
-          _mm512_packus_epi16(_mm512_loadu_si512(in + i), _mm512_loadu_si512(in + i + 32));
-      _mm512_storeu_si512(out + i, _mm512_maskz_permutexvar_epi64(0xFF, order, packed));
+          _mm512_packus_epi16(_mm512_loadu_si512(in), _mm512_loadu_si512(in + 32));
+      StoreVector<decltype(streamed)::value>(out,
+                                             _mm512_maskz_permutexvar_epi64(0xFF, order, packed));
+      return;
     }
-    if (i < n) {
-      size_t const rest = n - i;
-      __m512i const a = _mm512_maskz_loadu_epi16(static_cast<__mmask32>(firstLanes(rest)), in + i);
-      __m512i const b = _mm512_maskz_loadu_epi16(
-          static_cast<__mmask32>(firstLanes(rest > 32 ? rest - 32 : 0)), in + i + 32);
-      _mm512_mask_storeu_epi8(
-          out + i, firstLanes(rest),
-          _mm512_maskz_permutexvar_epi64(0xFF, order, _mm512_packus_epi16(a, b)));
-    }
+    __m512i const a = _mm512_maskz_loadu_epi16(static_cast<__mmask32>(firstLanes(n)), in);
+    __m512i const b =
+        _mm512_maskz_loadu_epi16(static_cast<__mmask32>(firstLanes(n > 32 ? n - 32 : 0)), in + 32);
+    _mm512_mask_storeu_epi8(out, firstLanes(n),
+                            _mm512_maskz_permutexvar_epi64(0xFF, order, _mm512_packus_epi16(a, b)));
   });
 #else
   WriteRow(dst, pixels, 1, stream, [&](size_t first, size_t n, uint8_t* out) {
@@ -290,17 +298,12 @@ void Interleave3(const int16_t* c0, const int16_t* c1, const int16_t* c2, int16_
   for (size_t k = 0; k < 3; ++k) {
     idx[k] = _mm512_load_si512(conversions_detail::kInterleave3Index[k].bytes);
   }
-  WriteRow(reinterpret_cast<uint8_t*>(dst), pixels, 6, stream,
-           [&](size_t first, size_t n, uint8_t* bytes) {
-             auto* out = reinterpret_cast<int16_t*>(bytes);
-             // Blocks of 32 pixels, then one masked block for the tail.
-             size_t p = first;
-             size_t const end = first + n;
-             for (; p + 32 <= end; p += 32, out += 96) {
-               Interleave3Block(c0 + p, c1 + p, c2 + p, out, 32, idx);
-             }
-             if (p < end) Interleave3Block(c0 + p, c1 + p, c2 + p, out, end - p, idx);
-           });
+  // Blocks of 32 pixels, the tail one masked block.
+  WriteBlocks(reinterpret_cast<uint8_t*>(dst), pixels, 6, 32, stream,
+              [&](size_t p, size_t n, uint8_t* out, auto streamed) {
+                Interleave3Block<decltype(streamed)::value>(
+                    c0 + p, c1 + p, c2 + p, reinterpret_cast<int16_t*>(out), n, idx);
+              });
 #else
   WriteRow(reinterpret_cast<uint8_t*>(dst), pixels, 6, stream,
            [&](size_t first, size_t n, uint8_t* bytes) {
@@ -323,14 +326,9 @@ void RemoveAlpha(const uint8_t* src, uint8_t* dst, size_t pixels, bool stream) {
   __m512i const idx0 = _mm512_load_si512(conversions_detail::kRemoveAlphaIndex[0].bytes);
   __m512i const idx1 = _mm512_load_si512(conversions_detail::kRemoveAlphaIndex[1].bytes);
   __m512i const idx2 = _mm512_load_si512(conversions_detail::kRemoveAlphaIndex[2].bytes);
-  WriteRow(dst, pixels, 3, stream, [&](size_t first, size_t n, uint8_t* out) {
-    const uint8_t* in = src + 4 * first;
-    // Blocks of 64 pixels, then one masked block for the tail.
-    size_t i = 0;
-    for (; i + 64 <= n; i += 64, in += 256, out += 192) {
-      RemoveAlphaBlock(in, out, 64, idx0, idx1, idx2);
-    }
-    if (i < n) RemoveAlphaBlock(in, out, n - i, idx0, idx1, idx2);
+  // Blocks of 64 pixels, the tail one masked block.
+  WriteBlocks(dst, pixels, 3, 64, stream, [&](size_t first, size_t n, uint8_t* out, auto streamed) {
+    RemoveAlphaBlock<decltype(streamed)::value>(src + 4 * first, out, n, idx0, idx1, idx2);
   });
 #else
   WriteRow(dst, pixels, 3, stream, [&](size_t first, size_t n, uint8_t* out) {
