@@ -3,8 +3,10 @@
 // pixel-to-pixel mapping between a source and the target. Kernels write only their loops.
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <memory>
+#include <typeinfo>
 #include <vector>
 
 #include "quorvel/buffers/buffer2d.hpp"
@@ -24,7 +26,15 @@ inline constexpr char kNoData[] = "buffer data does not exist";
 template <class P>
 Buffer2DVector<P>& typed(std::vector<std::shared_ptr<Buffer2D>> const& list, size_t i) {
   if (i >= list.size() || !list[i]) throw QuorvelException(kNoData, kApplyLocation);
-  auto& buffer = *Buffer2DVector<P>::cast(list[i]);
+  // The usual case without cast()'s shared_ptr copy (two atomic updates per buffer and call,
+  // which showed on small images); cast() still decides, and words, any mismatch.
+  Buffer2DVector<P>* typedBuffer = nullptr;
+  if (list[i]->pixelType() == typeid(P)) {
+    typedBuffer = static_cast<Buffer2DVector<P>*>(list[i].get());
+  } else {
+    typedBuffer = Buffer2DVector<P>::cast(list[i]).get();
+  }
+  auto& buffer = *typedBuffer;
   // Not width * height != 0: that product can wrap to 0 for a huge, storage-less buffer.
   if (buffer.data() == nullptr && buffer.width() != 0 && buffer.height() != 0) {
     throw QuorvelException(kNoData, kApplyLocation);
@@ -32,10 +42,26 @@ Buffer2DVector<P>& typed(std::vector<std::shared_ptr<Buffer2D>> const& list, siz
   return buffer;
 }
 
-/// Rectangle i of `list`, or an empty rectangle when the job holds none.
-inline std::vector<int> rectAt(std::vector<std::vector<int>> const& list, size_t i) {
-  return i < list.size() ? list[i] : std::vector<int>{};
+/// Rectangle i of `list`, or an empty rectangle when the job holds none (not a copy).
+inline std::vector<int> const& rectAt(std::vector<std::vector<int>> const& list, size_t i) {
+  static std::vector<int> const kNone;
+  return i < list.size() ? list[i] : kNone;
 }
+
+/// A rectangle as x, y, width, height, without a heap allocation.
+using Rect4 = std::array<int, 4>;
+
+/// The first four fields of a caller's rectangle, missing ones as 0.
+Rect4 rect4(std::vector<int> const& r);
+
+/// SoftwareFilter::intersect on fixed-size rectangles.
+bool intersectRects(Rect4 const& a, Rect4 const& b, Rect4& result);
+
+/// SoftwareFilter::getValidRects on fixed-size rectangles (the same arithmetic and
+/// failure): `inputGiven` false means the job named no input rectangle, so the input
+/// buffer's rectangle is used; `out` becomes the clipped output rectangle.
+void validRects(Rect4& in, Rect4 const& inputBuffer, Rect4& out, Rect4 const& outputBuffer,
+                bool inputGiven);
 
 /// One source rectangle mapped onto one target rectangle, one pixel to one pixel. Every
 /// pixel (inX + i, inY + j) and (outX + i, outY + j) for i < width, j < height lies inside
@@ -47,15 +73,14 @@ struct Span {
 
 /// Shrinks a rectangle pair so that both stay inside their buffers; used after the
 /// rectangles were validated (or on rectangles used as given).
-inline Span fitSpan(std::vector<int> const& in, Buffer2D const& source, std::vector<int> const& out,
+inline Span fitSpan(Rect4 const& in, Buffer2D const& source, Rect4 const& out,
                     Buffer2D const& target) {
-  auto f = [](std::vector<int> const& r, size_t i) -> int64_t { return i < r.size() ? r[i] : 0; };
-  Span s{f(in, 0),
-         f(in, 1),
-         f(out, 0),
-         f(out, 1),
-         std::min(f(in, 2), f(out, 2)),
-         std::min(f(in, 3), f(out, 3))};
+  Span s{in[0],
+         in[1],
+         out[0],
+         out[1],
+         std::min<int64_t>(in[2], out[2]),
+         std::min<int64_t>(in[3], out[3])};
   // Move both origins right/down past any negative coordinate of either rectangle.
   int64_t const skipX = std::max<int64_t>({0, -s.inX, -s.outX});
   int64_t const skipY = std::max<int64_t>({0, -s.inY, -s.outY});
@@ -69,11 +94,23 @@ inline Span fitSpan(std::vector<int> const& in, Buffer2D const& source, std::vec
   return s;
 }
 
+/// fitSpan on a caller's rectangles, missing fields as 0.
+inline Span fitSpan(std::vector<int> const& in, Buffer2D const& source, std::vector<int> const& out,
+                    Buffer2D const& target) {
+  return fitSpan(rect4(in), source, rect4(out), target);
+}
+
+/// The whole rectangle of a buffer.
+inline Rect4 bufferRect(Buffer2D const& b) {
+  return {0, 0, static_cast<int>(b.width()), static_cast<int>(b.height())};
+}
+
 /// The validated span of a single-source kernel: getValidRects on the job's rectangles,
 /// then fitted to both buffers.
-inline Span validSpan(std::vector<int> in, Buffer2D const& source, std::vector<int> out,
-                      Buffer2D const& target) {
-  SoftwareFilter::getValidRects(in, source.rect(), out, target.rect());
+inline Span validSpan(std::vector<int> const& inRect, Buffer2D const& source,
+                      std::vector<int> const& outRect, Buffer2D const& target) {
+  Rect4 in = rect4(inRect), out = rect4(outRect);
+  validRects(in, bufferRect(source), out, bufferRect(target), !inRect.empty());
   return fitSpan(in, source, out, target);
 }
 

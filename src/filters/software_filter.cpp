@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "filters/kernel_frame.hpp"
+
 namespace quorvel {
 namespace {
 
@@ -18,14 +20,13 @@ SoftwareFilter::SoftwareFilter(Filter const& description) : Filter(description) 
   forgetOwningInstance();
 }
 
-bool SoftwareFilter::intersect(std::vector<int> const& a, std::vector<int> const& b,
-                               std::vector<int>& result) {
+namespace kernel {
+
+bool intersectRects(Rect4 const& a, Rect4 const& b, Rect4& result) {
   // Edges in 64 bits: the 32-bit sums of a huge rectangle would otherwise wrap.
-  int64_t const ax = field(a, 0), ay = field(a, 1), aw = field(a, 2), ah = field(a, 3);
-  int64_t const bx = field(b, 0), by = field(b, 1), bw = field(b, 2), bh = field(b, 3);
-  int64_t const left = std::max(ax, bx), top = std::max(ay, by);
-  int64_t const right = std::min(bx + bw - 1, ax + aw - 1);
-  int64_t const bottom = std::min(by + bh - 1, ay + ah - 1);
+  int64_t const left = std::max<int64_t>(a[0], b[0]), top = std::max<int64_t>(a[1], b[1]);
+  int64_t const right = std::min(int64_t{b[0]} + b[2] - 1, int64_t{a[0]} + a[2] - 1);
+  int64_t const bottom = std::min(int64_t{b[1]} + b[3] - 1, int64_t{a[1]} + a[3] - 1);
   int64_t const w = std::clamp<int64_t>(right - left + 1, INT32_MIN, INT32_MAX);
   int64_t const h = std::clamp<int64_t>(bottom - top + 1, INT32_MIN, INT32_MAX);
   result = {static_cast<int>(left), static_cast<int>(top), static_cast<int>(w),
@@ -33,24 +34,45 @@ bool SoftwareFilter::intersect(std::vector<int> const& a, std::vector<int> const
   return w >= 1 && h >= 1;
 }
 
-void SoftwareFilter::getValidRects(std::vector<int>& inputRect,
-                                   std::vector<int> const& inputBufferRect,
-                                   std::vector<int>& outputRect,
-                                   std::vector<int> const& outputBufferRect) {
-  std::vector<int> clipped;
-  if (!intersect(outputRect, outputBufferRect, clipped)) {
+void validRects(Rect4& in, Rect4 const& inputBuffer, Rect4& out, Rect4 const& outputBuffer,
+                bool inputGiven) {
+  Rect4 clipped{};
+  if (!intersectRects(out, outputBuffer, clipped)) {
     throw QuorvelException("output rectangle does not intersect output buffer", kGetValidRects);
   }
-  std::vector<int> in = inputRect.empty() ? inputBufferRect : inputRect;
-  in.resize(4, 0);
-  int64_t const dx = int64_t{clipped[0]} - field(outputRect, 0);
-  int64_t const dy = int64_t{clipped[1]} - field(outputRect, 1);
+  if (!inputGiven) in = inputBuffer;
+  int64_t const dx = int64_t{clipped[0]} - out[0];
+  int64_t const dy = int64_t{clipped[1]} - out[1];
   in[0] = static_cast<int>(std::max<int64_t>(in[0], dx));
   in[1] = static_cast<int>(std::max<int64_t>(in[1], dy));
   in[2] = std::min(in[2], clipped[2]);
   in[3] = std::min(in[3], clipped[3]);
-  inputRect = std::move(in);
-  if (&outputRect != &outputBufferRect) outputRect = clipped;
+  out = clipped;
+}
+
+Rect4 rect4(std::vector<int> const& r) {
+  return {field(r, 0), field(r, 1), field(r, 2), field(r, 3)};
+}
+
+}  // namespace kernel
+
+bool SoftwareFilter::intersect(std::vector<int> const& a, std::vector<int> const& b,
+                               std::vector<int>& result) {
+  kernel::Rect4 r{};
+  bool const overlap = kernel::intersectRects(kernel::rect4(a), kernel::rect4(b), r);
+  result.assign(r.begin(), r.end());
+  return overlap;
+}
+
+void SoftwareFilter::getValidRects(std::vector<int>& inputRect,
+                                   std::vector<int> const& inputBufferRect,
+                                   std::vector<int>& outputRect,
+                                   std::vector<int> const& outputBufferRect) {
+  kernel::Rect4 in = kernel::rect4(inputRect), out = kernel::rect4(outputRect);
+  kernel::validRects(in, kernel::rect4(inputBufferRect), out, kernel::rect4(outputBufferRect),
+                     !inputRect.empty());
+  inputRect.assign(in.begin(), in.end());
+  if (&outputRect != &outputBufferRect) outputRect.assign(out.begin(), out.end());
 }
 
 }  // namespace quorvel
