@@ -9,10 +9,128 @@
 
 #include "quorvel/kernels/display/clahe.hpp"
 
+#ifndef QUORVEL_CLAHE_HWY_SHARED
+#define QUORVEL_CLAHE_HWY_SHARED
+namespace quorvel::clahe_detail {
+
+/// One 32-lane word permute index, aligned for a vector load.
+struct WordIndex {
+  alignas(64) uint16_t lanes[32];
+};
+
+// Channel 0 of 32 three-channel pixels held in three vectors (96 samples): pixel p is
+// sample 3p. The first permute takes pixels 0..21 from vectors 0 and 1 (index bit 5 picks
+// the second table), the second fills pixels 22..31 from vector 2.
+constexpr WordIndex channel0Index(bool fromThird) {
+  WordIndex w{};
+  for (int p = 0; p < 32; ++p) {
+    w.lanes[p] =
+        static_cast<uint16_t>(fromThird ? (p >= 22 ? 3 * p - 64 : 0) : (p < 22 ? 3 * p : 0));
+  }
+  return w;
+}
+
+// Lane of pixel p after packing two vectors of 16 int32 (pixels 0..15, 16..31) to words:
+// each 128-bit block holds four pixels of the first vector, then four of the second.
+constexpr int packedLane(int p) {
+  int const half = p / 16, q = p % 16;
+  return (q / 4) * 8 + half * 4 + q % 4;
+}
+
+// Output vector k of the 96 samples with channel 0 taken from the packed results: lane q
+// (sample 32k + q) reads packed lane packedLane((32k + q) / 3) where that sample is a
+// channel-0 sample; the mask keeps every other lane.
+constexpr WordIndex reinsertIndex(int k) {
+  WordIndex w{};
+  for (int q = 0; q < 32; ++q) {
+    int const s = 32 * k + q;
+    w.lanes[q] = static_cast<uint16_t>(s % 3 == 0 ? packedLane(s / 3) : 0);
+  }
+  return w;
+}
+constexpr uint32_t reinsertMask(int k) {
+  uint32_t m = 0;
+  for (int q = 0; q < 32; ++q) m |= (32 * k + q) % 3 == 0 ? uint32_t{1} << q : 0;
+  return m;
+}
+
+inline constexpr WordIndex kChannel0Index[2] = {channel0Index(false), channel0Index(true)};
+inline constexpr uint32_t kChannel0ThirdMask = 0xFFC00000u;  // pixels 22..31
+inline constexpr WordIndex kReinsertIndex[3] = {reinsertIndex(0), reinsertIndex(1),
+                                                reinsertIndex(2)};
+inline constexpr uint32_t kReinsertMask[3] = {reinsertMask(0), reinsertMask(1), reinsertMask(2)};
+
+}  // namespace quorvel::clahe_detail
+#endif
+
 HWY_BEFORE_NAMESPACE();
 namespace quorvel {
 namespace HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
+
+#if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
+// GCC 12 reports the deliberately undefined pass-through operands inside the AVX-512
+// intrinsics as maybe uninitialised once they are inlined here.
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+
+// Channel 0 of 32 pixels (three vectors of samples) as 32 words in pixel order.
+HWY_INLINE __m512i Channel0(__m512i v0, __m512i v1, __m512i v2, __m512i first, __m512i third) {
+  __m512i const c = _mm512_permutex2var_epi16(v0, first, v1);
+  return _mm512_mask_permutexvar_epi16(c, clahe_detail::kChannel0ThirdMask, third, v2);
+}
+
+// 32 pixels of the interpolation at a time, in 16-bit lanes where the values allow: the
+// packed mapping bytes times the column weights (bytes: wl, wr, wl, wr) sum pairwise to the
+// top and bottom mixes (at most 255 * 40), which times the row weights (wu, wd) sum
+// pairwise to the 32-bit numerator; dividing by 25 is a high-half multiply. The results go
+// back into channel 0 by masked permutes, channels 1 and 2 untouched. Returns the number of
+// pixels done.
+HWY_INLINE size_t InterpolateBlocks32(int16_t* samples, size_t count, int32_t maxIndex,
+                                      uint32_t const* tables, int32_t const* colBase,
+                                      int32_t const* weightLeft, int32_t const* weightRight,
+                                      int32_t weightUp, int32_t weightDown) {
+  using namespace clahe_detail;
+  __m512i const first = _mm512_load_si512(kChannel0Index[0].lanes);
+  __m512i const third = _mm512_load_si512(kChannel0Index[1].lanes);
+  __m512i insert[3];
+  for (int k = 0; k < 3; ++k) insert[k] = _mm512_load_si512(kReinsertIndex[k].lanes);
+  __m512i const top = _mm512_set1_epi16(static_cast<int16_t>(maxIndex));
+  __m512i const zero = _mm512_setzero_si512();
+  __m512i const rowWeights = _mm512_set1_epi32(weightUp | weightDown << 16);
+  __m512i const half = _mm512_set1_epi32(800);
+  __m512i const by25 = _mm512_set1_epi16(5243);
+  auto const columnWeights = [&](size_t i) {
+    __m512i const w = _mm512_or_si512(_mm512_loadu_si512(weightLeft + i),
+                                      _mm512_slli_epi32(_mm512_loadu_si512(weightRight + i), 8));
+    return _mm512_or_si512(w, _mm512_slli_epi32(w, 16));
+  };
+  auto const mix = [&](__m512i index, size_t i) {
+    __m512i const t =
+        _mm512_i32gather_epi32(_mm512_add_epi32(index, _mm512_loadu_si512(colBase + i)), tables, 4);
+    __m512i const num = _mm512_madd_epi16(_mm512_maddubs_epi16(t, columnWeights(i)), rowWeights);
+    return _mm512_srli_epi32(_mm512_add_epi32(num, half), 6);
+  };
+  size_t i = 0;
+  for (; i + 32 <= count; i += 32) {
+    int16_t* p = samples + 3 * i;
+    __m512i const v0 = _mm512_loadu_si512(p), v1 = _mm512_loadu_si512(p + 32),
+                  v2 = _mm512_loadu_si512(p + 64);
+    __m512i const c =
+        _mm512_min_epi16(_mm512_max_epi16(Channel0(v0, v1, v2, first, third), zero), top);
+    __m512i const lo = mix(_mm512_cvtepi16_epi32(_mm512_castsi512_si256(c)), i);
+    __m512i const hi = mix(_mm512_cvtepi16_epi32(_mm512_extracti64x4_epi64(c, 1)), i + 16);
+    // (num + 800) >> 6 is at most 6387: packing and the unsigned high-half multiply are exact.
+    __m512i const value =
+        _mm512_srli_epi16(_mm512_mulhi_epu16(_mm512_packus_epi32(lo, hi), by25), 1);
+    _mm512_storeu_si512(p, _mm512_mask_permutexvar_epi16(v0, kReinsertMask[0], insert[0], value));
+    _mm512_storeu_si512(p + 32,
+                        _mm512_mask_permutexvar_epi16(v1, kReinsertMask[1], insert[1], value));
+    _mm512_storeu_si512(p + 64,
+                        _mm512_mask_permutexvar_epi16(v2, kReinsertMask[2], insert[2], value));
+  }
+  return i;
+}
+#endif
 
 // =====================================================================================
 // CLAHE - bilinear mix of the packed tile mappings
@@ -36,6 +154,12 @@ void InterpolateRow40(int16_t* samples, size_t count, size_t channels, int32_t m
 
   size_t i = 0;
   // Blocks of whole vectors (three-channel pixels only; the index range fits int16).
+#if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
+  if (channels == 3 && maxIndex >= 0 && maxIndex <= 32767) {
+    i = InterpolateBlocks32(samples, count, maxIndex, tables, colBase, weightLeft, weightRight,
+                            weightUp, weightDown);
+  }
+#endif
   if (channels == 3 && maxIndex >= 0 && maxIndex <= 32767) {
     for (; i + lanes <= count; i += lanes) {
       int16_t* first = samples + i * 3;
@@ -71,6 +195,19 @@ void ExtractBins(int16_t const* samples, uint8_t* bins, size_t count) {
   const hn::Rebind<uint8_t, decltype(d)> d8;
   size_t const lanes = hn::Lanes(d);
   size_t i = 0;
+#if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
+  // 32 pixels: channel 0 by two permutes, negatives to 0, then the unsigned saturating
+  // narrowing clamps the rest to 255.
+  __m512i const first = _mm512_load_si512(clahe_detail::kChannel0Index[0].lanes);
+  __m512i const third = _mm512_load_si512(clahe_detail::kChannel0Index[1].lanes);
+  for (; i + 32 <= count; i += 32) {
+    int16_t const* p = samples + 3 * i;
+    __m512i const c = Channel0(_mm512_loadu_si512(p), _mm512_loadu_si512(p + 32),
+                               _mm512_loadu_si512(p + 64), first, third);
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(bins + i),
+                        _mm512_cvtusepi16_epi8(_mm512_max_epi16(c, _mm512_setzero_si512())));
+  }
+#endif
   for (; i + lanes <= count; i += lanes) {
     hn::Vec<decltype(d)> s0, s1, s2;
     hn::LoadInterleaved3(d, samples + 3 * i, s0, s1, s2);
