@@ -1,6 +1,7 @@
 #include "quorvel/kernels/display/clahe.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -66,11 +67,43 @@ uint64_t CLAHE::clipHistogram(uint32_t* histogram, size_t pixelCount) const {
   if (limit == 0) limit = 1;
 
   int64_t excess = 0;
-  for (size_t b = 0; b < numBins; ++b) {
-    if (histogram[b] > limit) excess += static_cast<int64_t>(histogram[b] - limit);
+  uint32_t bits = 0;
+  for (size_t b = 0; b < numBins; ++b) bits |= histogram[b];
+  if (limit < (uint32_t{1} << 31) && bits < (uint32_t{1} << 22) && numBins <= 256) {
+    // Counts below 2^22 in at most 256 bins (every real tile): the excess, the shares and
+    // the new counts fit in int32, so both passes run on 32-bit lanes that the compiler
+    // vectorises. The results are those of the general passes below.
+    excess = clipCounts32(histogram, static_cast<int32_t>(limit));
+    if (excess == 0) return limit;
+  } else {
+    for (size_t b = 0; b < numBins; ++b) {
+      if (histogram[b] > limit) excess += static_cast<int64_t>(histogram[b] - limit);
+    }
+    if (excess == 0) return limit;
+    excess = clipCounts64(histogram, limit, excess);
   }
-  if (excess == 0) return limit;
+  spreadExcess(histogram, limit, excess);
+  return limit;
+}
 
+int64_t CLAHE::clipCounts32(uint32_t* histogram, int32_t limit) const {
+  auto* h = reinterpret_cast<int32_t*>(histogram);  // counts below 2^31
+  int32_t excess = 0;
+  for (size_t b = 0; b < numBins; ++b) excess += h[b] > limit ? h[b] - limit : 0;
+  if (excess == 0) return 0;
+  int32_t const inc = excess / static_cast<int32_t>(numBins);
+  int32_t const upper = limit - inc;
+  int32_t given = 0;
+  for (size_t b = 0; b < numBins; ++b) {
+    int32_t const v = h[b];
+    // Over the limit: cut, nothing given; near it: filled up to it; else: one share.
+    given += v > limit ? 0 : (v > upper ? limit - v : inc);
+    h[b] = v > upper ? limit : v + inc;
+  }
+  return excess - given;
+}
+
+int64_t CLAHE::clipCounts64(uint32_t* histogram, uint64_t limit, int64_t excess) const {
   // From here on some bin exceeds the limit, so it is below 2^32 and signed math is safe.
   int64_t const limitS = static_cast<int64_t>(limit);
   int64_t const inc = excess / static_cast<int64_t>(numBins);
@@ -85,6 +118,10 @@ uint64_t CLAHE::clipHistogram(uint32_t* histogram, size_t pixelCount) const {
     excess -= (((limitS - h) & near) | (inc & ~near)) & ~over;
     histogram[b] = static_cast<uint32_t>((limitS & near) | ((h + inc) & ~near));
   }
+  return excess;
+}
+
+void CLAHE::spreadExcess(uint32_t* histogram, uint64_t limit, int64_t excess) const {
   // Spread what is left one count at a time over evenly spaced bins below the limit, until
   // nothing is left or a whole round finds no room.
   // The step is only recomputed when the excess changed, and bins take their share without
@@ -106,7 +143,6 @@ uint64_t CLAHE::clipHistogram(uint32_t* histogram, size_t pixelCount) const {
     }
     if (excess == before) break;
   }
-  return limit;
 }
 
 bool CLAHE::fastBins() const {
@@ -211,14 +247,25 @@ void CLAHE::countTileRow(int16_t const* samples, size_t tr, std::vector<uint32_t
     size_t const pixels = (rEnd - rBegin) * (cEnd - cBegin);
     clipHistogram(mapping, pixels);
     if (!full) continue;  // a lone partial tile keeps its clipped histogram
-    // The cumulative histogram scaled to the grey range, truncated.
+    // The cumulative histogram scaled to the grey range, truncated. Every full tile has the
+    // same pixel count and its running sum never exceeds it, so the levels of all sums are
+    // worked out once per run, by the same expression.
     double const scale =
         static_cast<double>(int64_t{maxValue} - minValue) / static_cast<double>(pixels);
+    auto const levelOf = [&](uint64_t sum) {
+      auto const level = static_cast<int64_t>(static_cast<double>(sum) * scale + minValue);
+      return static_cast<uint32_t>(std::min<int64_t>(maxValue, level));
+    };
+    std::array<int64_t, 3> const key{static_cast<int64_t>(pixels), minValue, maxValue};
+    if (levelsFor_ != key) {
+      levels_.resize(pixels + 1);
+      for (size_t sum = 0; sum <= pixels; ++sum) levels_[sum] = levelOf(sum);
+      levelsFor_ = key;
+    }
     uint64_t sum = 0;
     for (size_t b = 0; b < numBins; ++b) {
       sum += mapping[b];
-      auto const level = static_cast<int64_t>(static_cast<double>(sum) * scale + minValue);
-      mapping[b] = static_cast<uint32_t>(std::min<int64_t>(maxValue, level));
+      mapping[b] = sum <= pixels ? levels_[sum] : levelOf(sum);
     }
   }
 }

@@ -86,6 +86,15 @@ class CLAHE {
     return mappings.data() + (tileRow * tileCols + tileCol) * numBins;
   }
   struct PackedGrid;
+  // Mapping level of each cumulative count of a full tile, for the pixel count and grey
+  // range in levelsFor_.
+  std::vector<uint32_t> levels_;
+  std::array<int64_t, 3> levelsFor_{};
+  // The steps of clipHistogram: cut and share in 32 or 64 bits (returning what is left of
+  // the excess), then spread the rest.
+  int64_t clipCounts32(uint32_t* histogram, int32_t limit) const;
+  int64_t clipCounts64(uint32_t* histogram, uint64_t limit, int64_t excess) const;
+  void spreadExcess(uint32_t* histogram, uint64_t limit, int64_t excess) const;
   bool fastBins() const;
   void countTileRow(int16_t const* samples, size_t tr, std::vector<uint32_t>& counts,
                     std::vector<uint16_t>& fastCounts, std::vector<uint8_t>& rowBins);
