@@ -6,11 +6,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <functional>
 #include <random>
 
 #include "kernels/simd_targets.hpp"
+#include "quorvel/kernels/display/sharpness.hpp"
 #include "quorvel/kernels/reconstruction/conversions.hpp"
 #include "quorvel/kernels/reconstruction/wavelet.hpp"
 #include "quorvel/kernels/reconstruction/ycocg.hpp"
@@ -111,6 +113,47 @@ TEST(Streaming, WaveletLevelsWriteTheReferenceValues) {
         ASSERT_TRUE(contents(*out) == contents(*expected)) << (vertical ? "V" : "H") << " x=" << x;
       });
     }
+  }
+}
+
+// The 16-bit sharpness pair streams large targets row by row from the first cache line of
+// each row; the reference is the scalar row form. The width makes every row start on a
+// cache line in one run and 24 bytes past one in the other, which exercises the head.
+TEST(Streaming, SixteenBitSharpnessPairWritesTheScalarValues) {
+  FilterSharpness16Params params;
+  params.gain = 1.5;
+  int32_t const strength = sharpness_detail::strength(params.gain, params.level);
+  for (size_t const w : {1536, 1540}) {
+    size_t const h = kLargeBytes / (w * sizeof(PixelRgb16)) + 2, row = 3 * w;
+    auto image = randomBuffer<PixelRgbS16>(w + 4, h + 4, 3);
+    auto blur = randomBuffer<PixelRgb16>(w, h + 4, 4);
+    std::vector<uint16_t> blurred(row * h);
+    std::vector<int16_t> sharpened(row * h);
+    auto const* imageSamples = image->data()->data();
+    auto const* blurSamples = blur->data()->data();
+    for (size_t j = 0; j < h; ++j) {
+      sharpness_detail::blurRowH16Scalar(imageSamples + j * 3 * (w + 4) + 6, &blurred[j * row], row,
+                                         3);
+      uint16_t const* rows[5];
+      for (size_t r = 0; r < 5; ++r) rows[r] = blurSamples + (j + r) * row;
+      sharpness_detail::sharpenRowV16Scalar(rows, imageSamples + (j + 2) * 3 * (w + 4),
+                                            &sharpened[j * row], row, strength);
+    }
+    testing::forEachSimdTarget([&] {
+      auto horizontal = buffer<PixelRgb16>(w, h);
+      SoftwareFilterSharpnessH16<3> fh(pointFilter("H", 1));
+      fh.apply({image}, {{0, 0, int(w) + 4, int(h)}}, {horizontal}, {{0, 0, int(w), int(h)}},
+               FilterEmptyParams::instance());
+      auto const* hs = horizontal->data()->data();
+      ASSERT_TRUE(std::equal(blurred.begin(), blurred.end(), hs)) << "H16 w=" << w;
+      // The vertical pass reads columns 0..w-1 of the image, offset by its own rectangle.
+      auto vertical = buffer<PixelRgbS16>(w, h);
+      SoftwareFilterSharpnessV16<3> fv(pointFilter("V", 2));
+      fv.apply({image, blur}, {{0, 0, int(w), int(h) + 4}, {0, 0, int(w), int(h) + 4}}, {vertical},
+               {{0, 0, int(w), int(h)}}, params);
+      auto const* vs = vertical->data()->data();
+      ASSERT_TRUE(std::equal(sharpened.begin(), sharpened.end(), vs)) << "V16 w=" << w;
+    });
   }
 }
 

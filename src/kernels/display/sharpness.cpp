@@ -184,8 +184,9 @@ void SoftwareFilterSharpnessH16<Channels>::apply(
                        static_cast<size_t>(span.inX[0] + 2) * Channels;
   uint16_t* dst = target.data()->data() + static_cast<size_t>(span.outY) * outRow +
                   static_cast<size_t>(span.outX) * Channels;
+  bool const stream = kernel::streamTarget(count * static_cast<size_t>(span.height) * 2);
   for (int64_t j = 0; j < span.height; ++j, src += inRow, dst += outRow) {
-    sharpness_detail::blurRowH16(src, dst, count, Channels);
+    sharpness_detail::blurRowH16(src, dst, count, Channels, stream);
   }
 }
 
@@ -218,8 +219,9 @@ void SoftwareFilterSharpnessV16<Channels>::apply(
   for (int r = 0; r < 5; ++r) blurRows[r] = first + r * blurRow;
   int16_t* dst = target.data()->data() + static_cast<size_t>(span.outY) * outRow +
                  static_cast<size_t>(span.outX) * Channels;
+  bool const stream = kernel::streamTarget(count * static_cast<size_t>(span.height) * 2);
   for (int64_t j = 0; j < span.height; ++j, centre += imageRow, dst += outRow) {
-    sharpness_detail::sharpenRowV16(blurRows, centre, dst, count, s);
+    sharpness_detail::sharpenRowV16(blurRows, centre, dst, count, s, stream);
     for (auto& row : blurRows) row += blurRow;
   }
 }

@@ -4,6 +4,7 @@
 
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "kernels/display/sharpness_hwy.cpp"
+#include <hwy/cache_control.h>
 #include <hwy/foreach_target.h>  // IWYU pragma: keep
 #include <hwy/highway.h>
 
@@ -13,6 +14,12 @@ HWY_BEFORE_NAMESPACE();
 namespace quorvel {
 namespace HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
+
+// 16-bit samples before the first 64-byte line boundary at `out` (rows of the 16-bit
+// passes start on even addresses).
+HWY_INLINE size_t StreamHead(void const* out) {
+  return (64 - reinterpret_cast<uintptr_t>(out) % 64) % 64 / 2;
+}
 
 // =====================================================================================
 // Sharpness 8-bit - one 5 x 5 pass over interleaved samples
@@ -77,7 +84,7 @@ void SharpenRow8(uint8_t const* const rows[5], uint8_t* out, size_t count, size_
 
 // Samples are clamped to [0, 1023], so the sum is at most 64 * 1023 = 65472: the wrapping
 // int16 arithmetic holds it exactly as an unsigned 16-bit value.
-void BlurRowH16(int16_t const* in, uint16_t* out, size_t count, size_t step) {
+void BlurRowH16(int16_t const* in, uint16_t* out, size_t count, size_t step, bool stream) {
   const hn::ScalableTag<int16_t> d;
   const hn::RebindToUnsigned<decltype(d)> du;
   size_t const lanes = hn::Lanes(d);
@@ -85,15 +92,23 @@ void BlurRowH16(int16_t const* in, uint16_t* out, size_t count, size_t step) {
   auto const zero = hn::Zero(d), top = hn::Set(d, 1023);
   auto const c13 = hn::Set(d, 13), c36 = hn::Set(d, 36);
 
-  size_t k = 0;
-  // Blocks of whole vectors.
-  for (; k + lanes <= count; k += lanes) {
+  auto const blur = [&](size_t k) {
     int16_t const* p = in + k;
     auto q = [&](ptrdiff_t off) { return hn::Min(hn::Max(hn::LoadU(d, p + off), zero), top); };
-    auto const h = hn::Add(hn::Add(hn::Add(q(-d2), q(d2)), hn::Mul(hn::Add(q(-d1), q(d1)), c13)),
-                           hn::Mul(q(0), c36));
-    hn::StoreU(hn::BitCast(du, h), du, out + k);
+    return hn::BitCast(
+        du, hn::Add(hn::Add(hn::Add(q(-d2), q(d2)), hn::Mul(hn::Add(q(-d1), q(d1)), c13)),
+                    hn::Mul(q(0), c36)));
+  };
+  size_t k = 0;
+  if (stream) {
+    // Ordinary stores up to the first cache line of the row, then whole vectors streamed.
+    k = std::min(count, StreamHead(out));
+    sharpness_detail::blurRowH16Scalar(in, out, k, step);
+    for (; k + lanes <= count; k += lanes) hn::Stream(blur(k), du, out + k);
+    hwy::FlushStream();
   }
+  // Blocks of whole vectors.
+  for (; k + lanes <= count; k += lanes) hn::StoreU(blur(k), du, out + k);
   // Tail: fewer samples than one vector.
   if (k < count) sharpness_detail::blurRowH16Scalar(in + k, out + k, count - k, step);
 }
@@ -105,7 +120,7 @@ void BlurRowH16(int16_t const* in, uint16_t* out, size_t count, size_t step) {
 // int32 lanes throughout: the vertical blur of unsigned 16-bit sums reaches 64 * 65535, and
 // the 32-bit signed steps of the formula wrap exactly like the scalar form (Mul wraps).
 void SharpenRowV16(uint16_t const* const blurRows[5], int16_t const* centre, int16_t* out,
-                   size_t count, int32_t strength) {
+                   size_t count, int32_t strength, bool stream) {
   const hn::ScalableTag<int32_t> d;
   const hn::Rebind<uint16_t, decltype(d)> du16;
   const hn::Rebind<int16_t, decltype(d)> di16;
@@ -114,9 +129,7 @@ void SharpenRowV16(uint16_t const* const blurRows[5], int16_t const* centre, int
   auto const c13 = hn::Set(d, 13), c36 = hn::Set(d, 36);
   auto const zero = hn::Zero(d), top = hn::Set(d, 1023), half = hn::Set(d, 65536);
 
-  size_t k = 0;
-  // Blocks of whole vectors.
-  for (; k + lanes <= count; k += lanes) {
+  auto const sharpen = [&](size_t k) {
     auto q = [&](int r) { return hn::PromoteTo(d, hn::LoadU(du16, blurRows[r] + k)); };
     auto const blur = hn::Add(hn::Add(hn::Add(q(0), q(4)), hn::Mul(hn::Add(q(1), q(3)), c13)),
                               hn::Mul(q(2), c36));
@@ -125,8 +138,20 @@ void SharpenRowV16(uint16_t const* const blurRows[5], int16_t const* centre, int
     auto const r =
         hn::ShiftRight<17>(hn::Add(hn::Add(hn::ShiftLeft<17>(c), half), hn::Mul(diff, s)));
     // The signed narrowing saturates: the clamp to [-32768, 32767].
-    hn::StoreU(hn::DemoteTo(di16, r), di16, out + k);
+    return hn::DemoteTo(di16, r);
+  };
+  size_t k = 0;
+  // Streaming stores take whole vectors: not the half vectors of 16-bit results that four
+  // 32-bit lanes give.
+  if (stream && lanes * sizeof(int16_t) >= 16) {
+    // Ordinary stores up to the first cache line of the row, then whole vectors streamed.
+    k = std::min(count, StreamHead(out));
+    sharpness_detail::sharpenRowV16Scalar(blurRows, centre, out, k, strength);
+    for (; k + lanes <= count; k += lanes) hn::Stream(sharpen(k), di16, out + k);
+    hwy::FlushStream();
   }
+  // Blocks of whole vectors.
+  for (; k + lanes <= count; k += lanes) hn::StoreU(sharpen(k), di16, out + k);
   // Tail: fewer samples than one vector.
   if (k < count) {
     uint16_t const* tail[5];
@@ -152,13 +177,13 @@ void sharpenRow8(uint8_t const* const rows[5], uint8_t* out, size_t count, size_
   HWY_DYNAMIC_DISPATCH(SharpenRow8)(rows, out, count, step, strength);
 }
 
-void blurRowH16(int16_t const* in, uint16_t* out, size_t count, size_t step) {
-  HWY_DYNAMIC_DISPATCH(BlurRowH16)(in, out, count, step);
+void blurRowH16(int16_t const* in, uint16_t* out, size_t count, size_t step, bool stream) {
+  HWY_DYNAMIC_DISPATCH(BlurRowH16)(in, out, count, step, stream);
 }
 
 void sharpenRowV16(uint16_t const* const blurRows[5], int16_t const* centre, int16_t* out,
-                   size_t count, int32_t strength) {
-  HWY_DYNAMIC_DISPATCH(SharpenRowV16)(blurRows, centre, out, count, strength);
+                   size_t count, int32_t strength, bool stream) {
+  HWY_DYNAMIC_DISPATCH(SharpenRowV16)(blurRows, centre, out, count, strength, stream);
 }
 
 }  // namespace sharpness_detail

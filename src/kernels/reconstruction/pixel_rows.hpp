@@ -11,10 +11,6 @@
 
 namespace quorvel::kernel {
 
-/// Output size in bytes from which a call writes with streaming stores: a quarter of a
-/// typical shared last-level cache. Smaller outputs stay cached for the next filter.
-inline constexpr size_t kStreamThresholdBytes = size_t{8} << 20;
-
 /// Whether a row from `in` to `out` of a large output is written with streaming stores:
 /// only when both start on a cache line. Loads that split cache lines starve the
 /// streaming pass, which then ran slower than ordinary stores; aligned, it ran about 1.4x

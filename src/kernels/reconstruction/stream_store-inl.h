@@ -25,10 +25,6 @@ HWY_BEFORE_NAMESPACE();
 namespace quorvel::HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
 
-/// Output size in bytes from which a call writes with streaming stores: about a quarter of
-/// a shared last-level cache, below which the output is better left cached.
-inline constexpr size_t kStreamThresholdBytes = size_t{8} << 20;
-
 /// Cache line size that streaming works in.
 inline constexpr size_t kStreamLineBytes = 64;
 

@@ -14,6 +14,7 @@
 #include <hwy/foreach_target.h>  // IWYU pragma: keep
 #include <hwy/highway.h>
 
+#include "filters/kernel_frame.hpp"
 #include "kernels/reconstruction/stream_store-inl.h"
 #include "kernels/reconstruction/wavelet_passes.hpp"
 #include "quorvel/kernels/reconstruction/wavelet.hpp"
@@ -121,7 +122,7 @@ void WaveletVertical(WaveletPlan const& plan) {
   // A large target streams its row pairs when every row starts on a cache line (see
   // StreamPairRows).
   auto const pairs = static_cast<size_t>(plan.pairEnd - plan.pairBegin);
-  bool const stream = count * pairs * 2 * sizeof(int16_t) >= kStreamThresholdBytes;
+  bool const stream = count * pairs * 2 * sizeof(int16_t) >= kernel::kStreamThresholdBytes;
   for (int64_t k = plan.pairBegin; k < plan.pairEnd; ++k) {
     int16_t const* const rows[5] = {lowRow(k), lowRow(k + 1), highRow(k), highRow(k + 1),
                                     highRow(k + 2)};
@@ -148,8 +149,8 @@ void WaveletHorizontal(WaveletPlan const& plan) {
   const hn::CappedTag<int16_t, 16> d;
   const auto lanes = static_cast<int64_t>(hn::Lanes(d));
   auto const pairs = static_cast<size_t>(plan.pairEnd - plan.pairBegin);
-  bool const stream =
-      static_cast<size_t>(plan.count) * pairs * 2 * sizeof(int16_t) >= kStreamThresholdBytes;
+  bool const stream = static_cast<size_t>(plan.count) * pairs * 2 * sizeof(int16_t) >=
+                      kernel::kStreamThresholdBytes;
   for (int64_t r = 0; r < plan.count; ++r) {
     int64_t const li = plan.lowBase + r * plan.bandStride;
     int64_t const hi = plan.highBase + r * plan.bandStride;

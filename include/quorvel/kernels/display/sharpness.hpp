@@ -98,14 +98,16 @@ void sharpenRow8Scalar(uint8_t const* const rows[5], uint8_t* out, size_t count,
                        int32_t strength);
 
 /// One output row of the horizontal 16-bit pass: `count` samples from in[k + d * step]
-/// (d = -2..2); `in` addresses the centre sample of the first output. Vectorised.
-void blurRowH16(int16_t const* in, uint16_t* out, size_t count, size_t step);
+/// (d = -2..2); `in` addresses the centre sample of the first output. Vectorised; `stream`
+/// writes with non-temporal stores (for targets larger than the caches).
+void blurRowH16(int16_t const* in, uint16_t* out, size_t count, size_t step, bool stream = false);
 void blurRowH16Scalar(int16_t const* in, uint16_t* out, size_t count, size_t step);
 
 /// One output row of the vertical 16-bit pass: the blur from blurRows[r][k] (rows y-2..y+2
-/// of the horizontal result), the centre from centre[k] (unfiltered). Vectorised.
+/// of the horizontal result), the centre from centre[k] (unfiltered). Vectorised; `stream`
+/// as in blurRowH16.
 void sharpenRowV16(uint16_t const* const blurRows[5], int16_t const* centre, int16_t* out,
-                   size_t count, int32_t strength);
+                   size_t count, int32_t strength, bool stream = false);
 void sharpenRowV16Scalar(uint16_t const* const blurRows[5], int16_t const* centre, int16_t* out,
                          size_t count, int32_t strength);
 
