@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "buffers/stream_copy.hpp"
+
 namespace quorvel {
 
 using namespace buffer_detail;
@@ -42,6 +44,12 @@ void Buffer2DVector<P>::getPixels(void* buffer, size_t bufferSize, size_t x, siz
   if (rowBytes * height == 0) return;
   if (!storage_) throw QuorvelException(kNoData, kGetPixels);
   auto* dst = static_cast<unsigned char*>(buffer);
+  if (rowBytes * height >= buffer_detail::kStreamReadBackBytes) {
+    buffer_detail::copyRowsStreaming(
+        dst, rowBytes, reinterpret_cast<uint8_t const*>(storage_->data() + y * width_ + x),
+        width_ * sizeof(P), rowBytes, height);
+    return;
+  }
   for (size_t r = y; r < y + height; ++r) {
     std::memcpy(dst, storage_->data() + r * width_ + x, rowBytes);
     dst += rowBytes;

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstring>
 #include <numeric>
 
 namespace quorvel {
@@ -91,6 +93,27 @@ TEST(Buffer2D, GetPixelsCopiesRowsAndChecksBoundsBeforeSize) {
             tagged("not enough memory allocated in input buffer", buffer_detail::kGetPixels));
   EXPECT_EQ(failureOf([&] { b.getPixels(out.data(), out.size(), SIZE_MAX, 0, 2, 1); }),
             tagged(kOutOfBounds, buffer_detail::kGetPixels));
+}
+
+TEST(Buffer2D, LargeReadBacksCopyTheSameRowsAndNothingElse) {
+  // Read-backs of a megabyte and more take the streaming copy: odd widths and origins give
+  // rows that start and end inside cache lines, in the source and in the caller's buffer.
+  Buffer2DVector<PixelRgb8> b(1001, 400, true);
+  for (size_t i = 0; i < 1001 * 400; ++i) {
+    b.data()[i] = {uint8_t(i), uint8_t(i >> 8), uint8_t(i >> 16)};
+  }
+  for (size_t const x : {0, 1, 7}) {
+    size_t const w = 1001 - x - (x % 2), h = 399 - x, y = x / 2;
+    std::vector<uint8_t> out(w * h * 3 + 67, 0xEE);
+    uint8_t* start = out.data() + x * 9;  // the caller's buffer need not be aligned either
+    b.getPixels(start, w * h * 3, x, y, w, h);
+    for (size_t r = 0; r < h; ++r) {
+      ASSERT_EQ(0, std::memcmp(start + r * w * 3, b.data() + (y + r) * 1001 + x, w * 3)) << r;
+    }
+    EXPECT_TRUE(std::all_of(out.data(), start, [](uint8_t v) { return v == 0xEE; }));
+    EXPECT_TRUE(std::all_of(start + w * h * 3, out.data() + out.size(),
+                            [](uint8_t v) { return v == 0xEE; }));
+  }
 }
 
 TEST(Buffer2D, ClearRectFillsOnlyTheOverlapAndRefusesMisses) {

@@ -42,6 +42,22 @@ HWY_INLINE void StreamLines(uint8_t* HWY_RESTRICT dst, const uint8_t* HWY_RESTRI
   for (size_t i = 0; i < bytes; i += n) hn::Stream(hn::Load(d, src + i), d, dst + i);
 }
 
+/// Copies `bytes` from src to dst: the whole cache lines of dst with streaming stores, the
+/// partial lines at either end with ordinary ones. The caller issues hwy::FlushStream()
+/// before another thread reads dst.
+HWY_INLINE void StreamCopy(uint8_t* HWY_RESTRICT dst, const uint8_t* HWY_RESTRICT src,
+                           size_t bytes) {
+  const hn::ScalableTag<uint8_t> d;
+  const size_t n = hn::Lanes(d);  // divides the line size on every target
+  size_t i =
+      (kStreamLineBytes - reinterpret_cast<uintptr_t>(dst) % kStreamLineBytes) % kStreamLineBytes;
+  if (i > bytes) i = bytes;
+  std::memcpy(dst, src, i);
+  size_t const lines = i + (bytes - i) / kStreamLineBytes * kStreamLineBytes;
+  for (; i < lines; i += n) hn::Stream(hn::LoadU(d, src + i), d, dst + i);
+  std::memcpy(dst + i, src + i, bytes - i);
+}
+
 /// Writes `count` items of `itemBytes` bytes each at dst, where compute(first, n, out)
 /// stores items [first, first + n) at out; `unit` items always go to one call together (a
 /// compute working on pairs passes 2). Without `stream`, one call computes straight into
