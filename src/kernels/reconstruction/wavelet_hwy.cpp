@@ -54,44 +54,33 @@ HWY_INLINE void EvenRow(const int16_t* l, const int16_t* h0, const int16_t* h1, 
 }
 
 // Rows of e(k) and o(k) (vertical) from band rows L(k), L(k + 1), H(k), H(k + 1), H(k + 2);
-// either output row may be null.
+// either output row may be null. With kStream (both rows given, line-aligned, of a target
+// larger than the caches) whole vectors are written with streaming stores, which skips
+// reading each target line before it is written.
+template <bool kStream = false>
 HWY_INLINE void PairRows(const int16_t* l0, const int16_t* l1, const int16_t* h0, const int16_t* h1,
                          const int16_t* h2, size_t count, int16_t* evenOut, int16_t* oddOut) {
   const hn::ScalableTag<int16_t> d;
   const size_t lanes = hn::Lanes(d);
+  auto const store = [&](auto v, int16_t* out) {
+    if constexpr (kStream) {
+      hn::Stream(v, d, out);
+    } else if (out != nullptr) {
+      hn::StoreU(v, d, out);
+    }
+  };
   size_t c = 0;
   for (; c + lanes <= count; c += lanes) {
     auto const vh1 = hn::LoadU(d, h1 + c);
     auto const e0 = Even(d, hn::LoadU(d, l0 + c), hn::LoadU(d, h0 + c), vh1);
     auto const e1 = Even(d, hn::LoadU(d, l1 + c), vh1, hn::LoadU(d, h2 + c));
-    if (evenOut != nullptr) hn::StoreU(e0, d, evenOut + c);
-    if (oddOut != nullptr) hn::StoreU(Odd(vh1, e0, e1), d, oddOut + c);
+    store(e0, evenOut == nullptr ? nullptr : evenOut + c);
+    store(Odd(vh1, e0, e1), oddOut == nullptr ? nullptr : oddOut + c);
   }
   for (; c < count; ++c) {
     int16_t const e0 = waveletEven(l0[c], h0[c], h1[c]);
     if (evenOut != nullptr) evenOut[c] = e0;
     if (oddOut != nullptr) oddOut[c] = waveletOdd(h1[c], e0, waveletEven(l1[c], h1[c], h2[c]));
-  }
-}
-
-// PairRows for line-aligned rows of a target larger than the caches: whole vectors are
-// written with streaming stores, which skips reading each target line before it is
-// written; the partial vector at the end goes through PairRows.
-HWY_INLINE void StreamPairRows(const int16_t* l0, const int16_t* l1, const int16_t* h0,
-                               const int16_t* h1, const int16_t* h2, size_t count, int16_t* evenOut,
-                               int16_t* oddOut) {
-  const hn::ScalableTag<int16_t> d;
-  const size_t lanes = hn::Lanes(d);
-  size_t c = 0;
-  for (; c + lanes <= count; c += lanes) {
-    auto const vh1 = hn::LoadU(d, h1 + c);
-    auto const e0 = Even(d, hn::LoadU(d, l0 + c), hn::LoadU(d, h0 + c), vh1);
-    auto const e1 = Even(d, hn::LoadU(d, l1 + c), vh1, hn::LoadU(d, h2 + c));
-    hn::Stream(e0, d, evenOut + c);
-    hn::Stream(Odd(vh1, e0, e1), d, oddOut + c);
-  }
-  if (c < count) {
-    PairRows(l0 + c, l1 + c, h0 + c, h1 + c, h2 + c, count - c, evenOut + c, oddOut + c);
   }
 }
 
@@ -119,8 +108,7 @@ void WaveletVertical(WaveletPlan const& plan) {
   // Pairs, row by row down the bands. e(k + 1) is recomputed from rows that the previous
   // step left in the first-level cache: this measured faster than carrying it in a scratch
   // row, whose extra store stream costs more than the three vector operations it saves.
-  // A large target streams its row pairs when every row starts on a cache line (see
-  // StreamPairRows).
+  // A large target streams its row pairs when every row starts on a cache line.
   auto const pairs = static_cast<size_t>(plan.pairEnd - plan.pairBegin);
   bool const stream = count * pairs * 2 * sizeof(int16_t) >= kernel::kStreamThresholdBytes;
   for (int64_t k = plan.pairBegin; k < plan.pairEnd; ++k) {
@@ -131,7 +119,7 @@ void WaveletVertical(WaveletPlan const& plan) {
     uintptr_t misaligned = reinterpret_cast<uintptr_t>(even) | reinterpret_cast<uintptr_t>(odd);
     for (int16_t const* row : rows) misaligned |= reinterpret_cast<uintptr_t>(row);
     if (stream && misaligned % kStreamLineBytes == 0) {
-      StreamPairRows(rows[0], rows[1], rows[2], rows[3], rows[4], count, even, odd);
+      PairRows<true>(rows[0], rows[1], rows[2], rows[3], rows[4], count, even, odd);
     } else {
       PairRows(rows[0], rows[1], rows[2], rows[3], rows[4], count, even, odd);
     }
