@@ -275,6 +275,36 @@ void Gray16To8(const int16_t* src, uint8_t* dst, size_t pixels, bool stream) {
 }
 
 void Gray16ToRgba8(const int16_t* src, uint8_t* dst, size_t pixels, bool stream) {
+#if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
+  // Blocks of 32 pixels: negatives to 0 and the unsigned saturating narrowing clamp the
+  // samples to bytes; each byte widened to a 32-bit lane becomes v | v << 8 | v << 16 with
+  // alpha 255 on top. The tail is one masked block.
+  WriteBlocks(dst, pixels, 4, 32, stream, [&](size_t first, size_t n, uint8_t* out, auto streamed) {
+    using conversions_detail::firstLanes;
+    auto const mask = static_cast<__mmask32>(firstLanes(n));
+    __m512i const v =
+        _mm512_max_epi16(_mm512_maskz_loadu_epi16(mask, src + first), _mm512_setzero_si512());
+    __m256i const bytes = _mm512_maskz_cvtusepi16_epi8(~__mmask32{0}, v);
+    __m512i const alpha = _mm512_set1_epi32(static_cast<int32_t>(0xFF000000u));
+    for (int half = 0; half < 2; ++half) {
+      __m512i const g = _mm512_maskz_cvtepu8_epi32(
+          0xFFFF, half == 0 ? _mm256_castsi256_si128(bytes) : _mm256_extracti128_si256(bytes, 1));
+      // 0xFE: a | b | c of the three operands.
+      __m512i const rgba = _mm512_ternarylogic_epi32(_mm512_or_si512(g, alpha),
+                                                     _mm512_maskz_slli_epi32(0xFFFF, g, 8),
+                                                     _mm512_maskz_slli_epi32(0xFFFF, g, 16), 0xFE);
+      uint8_t* p = out + 64 * half;
+      if (n == 32) {
+        StoreVector<decltype(streamed)::value>(p, rgba);
+      } else {
+        size_t const done = 16 * static_cast<size_t>(half);
+        size_t const rest = n > done ? n - done : 0;
+        _mm512_mask_storeu_epi32(p, static_cast<__mmask16>(firstLanes(rest < 16 ? rest : 16)),
+                                 rgba);
+      }
+    }
+  });
+#else
   WriteRow(dst, pixels, 4, stream, [&](size_t first, size_t n, uint8_t* out) {
     const D16 d16;
     const D8 d8;
@@ -288,6 +318,7 @@ void Gray16ToRgba8(const int16_t* src, uint8_t* dst, size_t pixels, bool stream)
     }
     reference::gray16ToRgba8(in + i, out, n - i);
   });
+#endif
   if (stream) hwy::FlushStream();
 }
 
