@@ -92,6 +92,10 @@ void SharpenRow8(uint8_t const* const rows[5], uint8_t* out, size_t count, size_
 // =====================================================================================
 
 #if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
+// GCC 12 reports the deliberately undefined pass-through operands inside the AVX-512
+// intrinsics as maybe uninitialised once they are inlined here.
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+
 // The whole row in blocks of 32 samples that start on the 64-byte lines of `in`, with only
 // aligned loads: each input vector is loaded and clamped once, and the four shifted windows
 // come from two-table word permutes of the previous, current and next vectors. Five
@@ -196,8 +200,72 @@ void BlurRowH16(int16_t const* in, uint16_t* out, size_t count, size_t step, boo
 
 // int32 lanes throughout: the vertical blur of unsigned 16-bit sums reaches 64 * 65535, and
 // the 32-bit signed steps of the formula wrap exactly like the scalar form (Mul wraps).
+#if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
+// 32 samples at a time in 16-bit lanes as far as the products allow. With q' = q - 32768
+// (the blur sums as signed words) and X = 4096 c - blur = -(q'0 + q'4) - 13 (q'1 + q'3)
+// - 36 q'2 + 4096 c - 2^21, each pair of terms is one word multiply-add of interleaved
+// rows; the rest is exact modulo 2^32, like the scalar form: r = (c << 17) + 2^16 + X s.
+// Packing the two halves back with signed saturation restores the order the interleave
+// took apart and is the clamp to [-32768, 32767]. The last partial block is masked.
+HWY_INLINE void SharpenRowV16Avx3(uint16_t const* const blurRows[5], int16_t const* centre,
+                                  int16_t* out, size_t count, int32_t strength, bool stream) {
+  auto const pair = [](int lowWeight, int highWeight) {
+    return _mm512_set1_epi32(static_cast<int32_t>(static_cast<uint16_t>(lowWeight) |
+                                                  static_cast<uint32_t>(highWeight) << 16));
+  };
+  __m512i const w04 = pair(-1, -1), w13 = pair(-13, -13), w2c = pair(-36, 4096);
+  __m512i const bias = _mm512_set1_epi16(static_cast<int16_t>(0x8000));
+  __m512i const zero = _mm512_setzero_si512(), top = _mm512_set1_epi16(1023);
+  __m512i const highWords = _mm512_set1_epi32(static_cast<int32_t>(0xFFFF0000u));
+  __m512i const s = _mm512_set1_epi32(strength);
+  // 2^16 - 2^21 s, modulo 2^32: the rounding term and the bias of the blur sums.
+  __m512i const constant =
+      _mm512_set1_epi32(static_cast<int32_t>(65536u - (static_cast<uint32_t>(strength) << 21)));
+  auto const block = [&](size_t k, __mmask32 mask) {
+    auto const row = [&](int r) {
+      return _mm512_xor_si512(_mm512_maskz_loadu_epi16(mask, blurRows[r] + k), bias);
+    };
+    __m512i const q0 = row(0), q1 = row(1), q2 = row(2), q3 = row(3), q4 = row(4);
+    __m512i const c =
+        _mm512_min_epi16(_mm512_max_epi16(_mm512_maskz_loadu_epi16(mask, centre + k), zero), top);
+    auto const half = [&](auto unpack) {
+      __m512i const p2c = unpack(q2, c);
+      __m512i const x = _mm512_add_epi32(_mm512_add_epi32(_mm512_madd_epi16(unpack(q0, q4), w04),
+                                                          _mm512_madd_epi16(unpack(q1, q3), w13)),
+                                         _mm512_madd_epi16(p2c, w2c));
+      __m512i const c17 = _mm512_slli_epi32(_mm512_and_si512(p2c, highWords), 1);
+      return _mm512_srai_epi32(
+          _mm512_add_epi32(_mm512_add_epi32(c17, constant), _mm512_mullo_epi32(x, s)), 17);
+    };
+    return _mm512_packs_epi32(
+        half([](__m512i a, __m512i b) { return _mm512_unpacklo_epi16(a, b); }),
+        half([](__m512i a, __m512i b) { return _mm512_unpackhi_epi16(a, b); }));
+  };
+  bool const streamed = stream && reinterpret_cast<uintptr_t>(out) % 64 == 0;
+  size_t k = 0;
+  for (; k + 32 <= count; k += 32) {
+    PrefetchAhead(blurRows[4] + k), PrefetchAhead(centre + k);
+    __m512i const r = block(k, ~__mmask32{0});
+    if (streamed) {
+      _mm512_stream_si512(reinterpret_cast<__m512i*>(out + k), r);
+    } else {
+      _mm512_storeu_si512(out + k, r);
+    }
+  }
+  if (k < count) {
+    auto const mask = static_cast<__mmask32>((uint64_t{1} << (count - k)) - 1);
+    _mm512_mask_storeu_epi16(out + k, mask, block(k, mask));
+  }
+  if (streamed) hwy::FlushStream();
+}
+#endif
+
 void SharpenRowV16(uint16_t const* const blurRows[5], int16_t const* centre, int16_t* out,
                    size_t count, int32_t strength, bool stream) {
+#if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
+  SharpenRowV16Avx3(blurRows, centre, out, count, strength, stream);
+  return;
+#endif
   const hn::ScalableTag<int32_t> d;
   const hn::Rebind<uint16_t, decltype(d)> du16;
   const hn::Rebind<int16_t, decltype(d)> di16;
