@@ -96,27 +96,30 @@ void SharpenRow8(uint8_t const* const rows[5], uint8_t* out, size_t count, size_
 // intrinsics as maybe uninitialised once they are inlined here.
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 
-// The whole row in blocks of 32 samples that start on the 64-byte lines of `in`, with only
-// aligned loads: each input vector is loaded and clamped once, and the four shifted windows
-// come from two-table word permutes of the previous, current and next vectors. Five
-// unaligned loads per output vector (most of them split across two cache lines) measured
-// about 1.6x slower on a row streaming in from memory. Loads are masked to the samples a row
-// may read, [-2 step, count + 2 step), and the first and last blocks' stores to [0, count).
-// `out` receives streaming stores only when it shares the input's alignment.
+// The whole row with only aligned loads and, for the whole blocks, aligned stores. Each
+// input vector (32 samples on a 64-byte line of `in`) is loaded and clamped once, and the
+// four shifted windows come from two-table word permutes of the previous, current and next
+// vectors; five unaligned loads per output vector (most of them split across two cache
+// lines) measured about 1.6x slower on a row streaming in from memory. The results, 32 per
+// input vector, are realigned onto the 64-byte lines of `out` by one more permute of two
+// consecutive results, so a large target can be written with streaming stores whatever the
+// two rows' offsets. Loads are masked to the samples a row may read, [-2 step,
+// count + 2 step), and the stores of the first and last blocks to [0, count).
 HWY_INLINE void BlurRowH16Aligned(int16_t const* in, uint16_t* out, size_t count, size_t step,
                                   bool stream) {
-  // Windows at -2 step and -step read (previous | current), +step and +2 step read
-  // (current | next): lane j takes index j + 32 - 2 step, j + 32 - step, j + step, j + 2 step.
   __m512i const lane = _mm512_set_epi16(31, 30, 29, 28, 27, 26, 25, 24, 23, 22, 21, 20, 19, 18, 17,
                                         16, 15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
-  auto const s = static_cast<int16_t>(step);
-  __m512i const m2 = _mm512_add_epi16(lane, _mm512_set1_epi16(static_cast<int16_t>(32 - 2 * s)));
-  __m512i const m1 = _mm512_add_epi16(lane, _mm512_set1_epi16(static_cast<int16_t>(32 - s)));
-  __m512i const p1 = _mm512_add_epi16(lane, _mm512_set1_epi16(s));
-  __m512i const p2 = _mm512_add_epi16(lane, _mm512_set1_epi16(static_cast<int16_t>(2 * s)));
+  auto const word = [](ptrdiff_t v) { return _mm512_set1_epi16(static_cast<int16_t>(v)); };
+  auto const st = static_cast<ptrdiff_t>(step);
+  // Windows at -2 step and -step read (previous | current), +step and +2 step read
+  // (current | next).
+  __m512i const m2 = _mm512_add_epi16(lane, word(32 - 2 * st));
+  __m512i const m1 = _mm512_add_epi16(lane, word(32 - st));
+  __m512i const p1 = _mm512_add_epi16(lane, word(st));
+  __m512i const p2 = _mm512_add_epi16(lane, word(2 * st));
   __m512i const zero = _mm512_setzero_si512(), top = _mm512_set1_epi16(1023);
   __m512i const c13 = _mm512_set1_epi16(13), c36 = _mm512_set1_epi16(36);
-  auto const n = static_cast<ptrdiff_t>(count), d2 = static_cast<ptrdiff_t>(2 * step);
+  auto const n = static_cast<ptrdiff_t>(count), d2 = 2 * st;
   // Lanes j of a block at `from` with lo <= from + j < hi.
   auto const lanesIn = [](ptrdiff_t from, ptrdiff_t lo, ptrdiff_t hi) {
     auto const first = static_cast<uint64_t>(std::clamp<ptrdiff_t>(lo - from, 0, 32));
@@ -132,28 +135,41 @@ HWY_INLINE void BlurRowH16Aligned(int16_t const* in, uint16_t* out, size_t count
                           : _mm512_maskz_loadu_epi16(lanesIn(from, -d2, n + d2), in + from);
     return _mm512_min_epi16(_mm512_max_epi16(v, zero), top);
   };
-  auto k = -static_cast<ptrdiff_t>((reinterpret_cast<uintptr_t>(in) % 64) / 2);
-  bool const streamed = stream && (reinterpret_cast<uintptr_t>(out + k) % 64 == 0);
+  // Offsets, in samples, of the rows from the lines before them, and of the output blocks
+  // from the input blocks.
+  auto const inPhase = static_cast<ptrdiff_t>(reinterpret_cast<uintptr_t>(in) % 64 / 2);
+  auto const outPhase = static_cast<ptrdiff_t>(reinterpret_cast<uintptr_t>(out) % 64 / 2);
+  ptrdiff_t const shift = ((inPhase - outPhase) % 32 + 32) % 32;
+  __m512i const realign = _mm512_add_epi16(lane, word(shift));
+  // The first output block holds sample 0; the first input block is `shift` before it.
+  ptrdiff_t k = -outPhase - shift;
   __m512i previous = load(k - 32), current = load(k);
-  for (; k < n; k += 32) {
+  auto const blur = [&]() {
     __m512i const next = load(k + 32);
     __m512i const outer = _mm512_add_epi16(_mm512_permutex2var_epi16(previous, m2, current),
                                            _mm512_permutex2var_epi16(current, p2, next));
     __m512i const inner = _mm512_add_epi16(_mm512_permutex2var_epi16(previous, m1, current),
                                            _mm512_permutex2var_epi16(current, p1, next));
-    __m512i const h = _mm512_add_epi16(_mm512_add_epi16(outer, _mm512_mullo_epi16(inner, c13)),
-                                       _mm512_mullo_epi16(current, c36));
-    if (k < 0 || k + 32 > n) {
-      _mm512_mask_storeu_epi16(out + k, lanesIn(k, 0, n), h);
-    } else if (streamed) {
-      _mm512_stream_si512(reinterpret_cast<__m512i*>(out + k), h);
-    } else {
-      _mm512_storeu_si512(out + k, h);
-    }
     previous = current;
     current = next;
+    return _mm512_add_epi16(_mm512_add_epi16(outer, _mm512_mullo_epi16(inner, c13)),
+                            _mm512_mullo_epi16(previous, c36));
+  };
+  __m512i result = blur();  // samples [k, k + 32)
+  for (ptrdiff_t t = k + shift; t < n; t += 32) {
+    k += 32;
+    __m512i const following = blur();
+    __m512i const h = _mm512_permutex2var_epi16(result, realign, following);  // [t, t + 32)
+    if (t < 0 || t + 32 > n) {
+      _mm512_mask_storeu_epi16(out + t, lanesIn(t, 0, n), h);
+    } else if (stream) {
+      _mm512_stream_si512(reinterpret_cast<__m512i*>(out + t), h);
+    } else {
+      _mm512_store_si512(out + t, h);
+    }
+    result = following;
   }
-  if (streamed) hwy::FlushStream();
+  if (stream) hwy::FlushStream();
 }
 #endif
 
