@@ -1,6 +1,7 @@
 // Vector row kernels of the sharpness filters, compiled once per instruction set and picked
-// at run time. Every kernel handles whole vectors and leaves the rest of the row to the
-// scalar form, so both give identical samples.
+// at run time. The generic bodies handle whole vectors and leave the rest of the row to the
+// scalar form; the AVX-512 bodies of the 16-bit passes mask their first and last blocks.
+// Every form gives the samples of the scalar one.
 
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "kernels/display/sharpness_hwy.cpp"
@@ -15,9 +16,9 @@ namespace quorvel {
 namespace HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
 
-// Asks for the line `kPrefetchBytes` past p. The rows of the 16-bit passes stream in from
-// memory faster with this help than with the hardware prefetcher alone (measured: the
-// vertical pass of a 4096 x 4096 image ran in half the time). The address is formed as
+// Asks for the line `kPrefetchBytes` past p. The new rows of the vertical 16-bit pass stream
+// in from memory faster with this help than with the hardware prefetcher alone (measured:
+// the pass over a 4096 x 4096 image ran in half the time). The address is formed as
 // an integer: it may lie past the end of the buffer, which a prefetch never faults on.
 constexpr uintptr_t kPrefetchBytes = 16384;
 HWY_INLINE void PrefetchAhead(void const* p) {

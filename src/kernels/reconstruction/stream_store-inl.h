@@ -70,6 +70,10 @@ HWY_INLINE void StreamCopy(uint8_t* HWY_RESTRICT dst, const uint8_t* HWY_RESTRIC
 template <class F>
 HWY_INLINE void WriteRow(uint8_t* dst, size_t count, size_t itemBytes, bool stream, F&& compute,
                          size_t unit = 1) {
+  if (!stream) {
+    compute(size_t{0}, count, dst);
+    return;
+  }
   constexpr size_t kLine = kStreamLineBytes;
   alignas(64) uint8_t staging[4 * kStreamChunkBytes];
   // Items per chunk: whole lines, a multiple of `unit`, about kStreamChunkBytes.
@@ -87,7 +91,7 @@ HWY_INLINE void WriteRow(uint8_t* dst, size_t count, size_t itemBytes, bool stre
       break;
     }
   }
-  if (!stream || chunk * itemBytes > sizeof(staging) || head + chunk > count) {
+  if (chunk * itemBytes > sizeof(staging) || head + chunk > count) {
     compute(size_t{0}, count, dst);
     return;
   }
