@@ -6,24 +6,15 @@
 #include <cstring>
 #include <numeric>
 
+#include "support/test_util.hpp"
+
 namespace quorvel {
 namespace {
 
 constexpr char kOutOfBounds[] = "out of bounds check failed";
 
-template <class F>
-std::string failureOf(F&& f) {
-  try {
-    f();
-  } catch (QuorvelException const& e) {
-    return e.what();
-  }
-  return "no exception";
-}
-
-std::string tagged(std::string const& name, std::string const& location) {
-  return "#Name:" + name + "#Location:" + location;
-}
+using testing::failureOf;
+using testing::tagged;
 
 // Every pixel type behaves the same way for storage and size bookkeeping.
 template <class P>
