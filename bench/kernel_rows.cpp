@@ -129,12 +129,16 @@ KernelCase rgbaToYCoCg(size_t n) {
 KernelCase rgb16ToRgba8(size_t n) {
   KernelCase c = pointKernel<SoftwareFilter3x16To4x8<int16_t, uint8_t>, PixelRgbS16, PixelRgba8>(
       "Filter3x16To4x8", n, -64, 320, reference::rgb16ToRgba8);
-  // OpenCV narrows without adding the alpha channel: the closest single routine.
+  // The same work in OpenCV: narrowing with saturation, then the opaque alpha channel.
   auto src = makeBuffer<PixelRgbS16>(n, n);
   fillRandom(*src, -64, 320, 4);
-  auto dst = std::make_shared<cv::Mat>(int(n), int(n), CV_8UC3);
-  c.peerName = "convertTo 16SC3→8UC3";
-  c.peer = [src, dst] { matOf(*src, CV_16SC3).convertTo(*dst, CV_8U); };
+  auto rgb = std::make_shared<cv::Mat>(int(n), int(n), CV_8UC3);
+  auto dst = std::make_shared<cv::Mat>(int(n), int(n), CV_8UC4);
+  c.peerName = "convertTo 16SC3→8UC3 + cvtColor RGB2RGBA";
+  c.peer = [src, rgb, dst] {
+    matOf(*src, CV_16SC3).convertTo(*rgb, CV_8U);
+    cv::cvtColor(*rgb, *dst, cv::COLOR_RGB2RGBA);
+  };
   return c;
 }
 
