@@ -301,19 +301,21 @@ TEST(Clahe, ClippingMatchesTheReferenceOnRandomHistograms) {
   // Skewed histograms of full and small tiles: bins far over the limit, bins just under it
   // (filled only up to the limit), and excesses from none to many times the bin count.
   std::mt19937 rng(17);
-  for (int i = 0; i < 3000; ++i) {
-    int64_t const pixels = i % 3 == 0 ? 1 + rng() % 200 : 1600;
-    double const clip = 1.0 + (rng() % 400) / 40.0;
-    std::vector<uint32_t> h(kBins, 0);
-    int const spread = 1 + static_cast<int>(rng() % kBins);
-    for (int64_t p = 0; p < pixels; ++p) ++h[(rng() % spread) * (i % 2 ? 1 : 255 / spread)];
-    Histogram expected(h.begin(), h.end());
-    refClip(expected, pixels, clip);
-    CLAHE c;
-    c.configure(40, 40, clip);
-    c.clipHistogram(h.data(), static_cast<size_t>(pixels));
-    ASSERT_EQ(Histogram(h.begin(), h.end()), expected) << "case " << i;
-  }
+  testing::forEachSimdTarget([&] {
+    for (int i = 0; i < 1000; ++i) {
+      int64_t const pixels = i % 3 == 0 ? 1 + rng() % 200 : 1600;
+      double const clip = 1.0 + (rng() % 400) / 40.0;
+      std::vector<uint32_t> h(kBins, 0);
+      int const spread = 1 + static_cast<int>(rng() % kBins);
+      for (int64_t p = 0; p < pixels; ++p) ++h[(rng() % spread) * (i % 2 ? 1 : 255 / spread)];
+      Histogram expected(h.begin(), h.end());
+      refClip(expected, pixels, clip);
+      CLAHE c;
+      c.configure(40, 40, clip);
+      c.clipHistogram(h.data(), static_cast<size_t>(pixels));
+      ASSERT_EQ(Histogram(h.begin(), h.end()), expected) << "case " << i;
+    }
+  });
 }
 
 TEST(Clahe, ConstantTileGivesARamp) {

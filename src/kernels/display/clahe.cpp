@@ -87,20 +87,11 @@ uint64_t CLAHE::clipHistogram(uint32_t* histogram, size_t pixelCount) const {
 }
 
 int64_t CLAHE::clipCounts32(uint32_t* histogram, int32_t limit) const {
-  auto* h = reinterpret_cast<int32_t*>(histogram);  // counts below 2^31
-  int32_t excess = 0;
-  for (size_t b = 0; b < numBins; ++b) excess += h[b] > limit ? h[b] - limit : 0;
+  auto* h = reinterpret_cast<int32_t*>(histogram);  // counts below 2^22
+  int32_t const excess = clahe_detail::excessOver(h, numBins, limit);
   if (excess == 0) return 0;
   int32_t const inc = excess / static_cast<int32_t>(numBins);
-  int32_t const upper = limit - inc;
-  int32_t given = 0;
-  for (size_t b = 0; b < numBins; ++b) {
-    int32_t const v = h[b];
-    // Over the limit: cut, nothing given; near it: filled up to it; else: one share.
-    given += v > limit ? 0 : (v > upper ? limit - v : inc);
-    h[b] = v > upper ? limit : v + inc;
-  }
-  return excess - given;
+  return excess - clahe_detail::cutAndShare(h, numBins, limit, inc);
 }
 
 int64_t CLAHE::clipCounts64(uint32_t* histogram, uint64_t limit, int64_t excess) const {
@@ -345,9 +336,11 @@ void CLAHE::interpolateRows(PackedGrid& grid, int16_t* samples, size_t r0, size_
   size_t const half = tileSize / 2;
   auto const isBytes = [&](size_t tr) {
     if (grid.rowIsBytes[tr] < 0) {
+      // An OR over the row rather than a search: it vectorises, and nearly every row passes.
       uint32_t const* m = tileMapping(tr, 0);
-      grid.rowIsBytes[tr] =
-          std::all_of(m, m + tileCols * numBins, [](uint32_t v) { return v < 256; }) ? 1 : 0;
+      uint32_t bits = 0;
+      for (size_t i = 0; i < tileCols * numBins; ++i) bits |= m[i];
+      grid.rowIsBytes[tr] = bits < 256 ? 1 : 0;
     }
     return grid.rowIsBytes[tr] == 1;
   };

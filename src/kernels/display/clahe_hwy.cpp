@@ -216,6 +216,45 @@ void ExtractBins(int16_t const* samples, uint8_t* bins, size_t count) {
   if (i < count) clahe_detail::extractBinsScalar(samples + 3 * i, bins + i, count - i);
 }
 
+// Clipping in int32 lanes (counts below 2^22, see CLAHE::clipHistogram): the excess over
+// the limit, then the cut and the equal share, returning what the share handed out.
+int32_t ExcessOver(int32_t const* h, size_t n, int32_t limit) {
+  const hn::ScalableTag<int32_t> d;
+  size_t const lanes = hn::Lanes(d);
+  auto const lim = hn::Set(d, limit);
+  auto sum = hn::Zero(d);
+  size_t b = 0;
+  for (; b + lanes <= n; b += lanes)
+    sum = hn::Add(sum, hn::Max(hn::Sub(hn::LoadU(d, h + b), lim), hn::Zero(d)));
+  int32_t excess = hn::GetLane(hn::SumOfLanes(d, sum));
+  for (; b < n; ++b) excess += h[b] > limit ? h[b] - limit : 0;
+  return excess;
+}
+
+int32_t CutAndShare(int32_t* h, size_t n, int32_t limit, int32_t inc) {
+  const hn::ScalableTag<int32_t> d;
+  size_t const lanes = hn::Lanes(d);
+  int32_t const upper = limit - inc;
+  auto const lim = hn::Set(d, limit), up = hn::Set(d, upper), share = hn::Set(d, inc);
+  auto given = hn::Zero(d);
+  size_t b = 0;
+  for (; b + lanes <= n; b += lanes) {
+    auto const v = hn::LoadU(d, h + b);
+    auto const near = hn::Gt(v, up);  // includes the bins over the limit
+    // Over the limit: cut, nothing given; near it: filled up to it; else: one share.
+    given = hn::Add(
+        given, hn::IfThenZeroElse(hn::Gt(v, lim), hn::IfThenElse(near, hn::Sub(lim, v), share)));
+    hn::StoreU(hn::IfThenElse(near, lim, hn::Add(v, share)), d, h + b);
+  }
+  int32_t total = hn::GetLane(hn::SumOfLanes(d, given));
+  for (; b < n; ++b) {
+    int32_t const v = h[b];
+    total += v > limit ? 0 : (v > upper ? limit - v : inc);
+    h[b] = v > upper ? limit : v + inc;
+  }
+  return total;
+}
+
 }  // namespace HWY_NAMESPACE
 }  // namespace quorvel
 HWY_AFTER_NAMESPACE();
@@ -226,6 +265,16 @@ namespace clahe_detail {
 
 HWY_EXPORT(InterpolateRow40);
 HWY_EXPORT(ExtractBins);
+HWY_EXPORT(ExcessOver);
+HWY_EXPORT(CutAndShare);
+
+int32_t excessOver(int32_t const* h, size_t n, int32_t limit) {
+  return HWY_DYNAMIC_DISPATCH(ExcessOver)(h, n, limit);
+}
+
+int32_t cutAndShare(int32_t* h, size_t n, int32_t limit, int32_t inc) {
+  return HWY_DYNAMIC_DISPATCH(CutAndShare)(h, n, limit, inc);
+}
 
 void extractBins(int16_t const* samples, uint8_t* bins, size_t count) {
   HWY_DYNAMIC_DISPATCH(ExtractBins)(samples, bins, count);

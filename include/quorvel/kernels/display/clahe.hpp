@@ -130,6 +130,12 @@ void interpolateRow40Scalar(int16_t* samples, size_t count, size_t channels, int
 /// The bin of `count` samples samples[i * 3] for 256 bins over 0..255: the sample clamped
 /// to [0, 255]. Vectorised; equal to the scalar form.
 void extractBins(int16_t const* samples, uint8_t* bins, size_t count);
+
+/// The two clipping passes over n bins of counts below 2^22 (vectorised): the sum of what
+/// lies above `limit`; then every bin cut to the limit, bins above limit - inc filled up to
+/// it and the rest given inc, returning the total given.
+int32_t excessOver(int32_t const* h, size_t n, int32_t limit);
+int32_t cutAndShare(int32_t* h, size_t n, int32_t limit, int32_t inc);
 void extractBinsScalar(int16_t const* samples, uint8_t* bins, size_t count);
 
 }  // namespace clahe_detail
