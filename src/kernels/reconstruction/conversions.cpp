@@ -13,19 +13,6 @@ using Rgba8 = std::array<uint8_t, 4>;
 
 uint8_t clamp8(int16_t v) { return static_cast<uint8_t>(std::clamp<int16_t>(v, 0, 255)); }
 
-// The single-source frame: validate, fit, then one row function per row.
-template <class In, class Out, class Row>
-void runRows(std::vector<std::shared_ptr<Buffer2D>> const& inputs,
-             std::vector<std::vector<int>> const& inputRects,
-             std::vector<std::shared_ptr<Buffer2D>> const& outputs,
-             std::vector<std::vector<int>> const& outputRects, Row&& row) {
-  auto& source = kernel::typed<In>(inputs, 0);
-  auto& target = kernel::typed<Out>(outputs, 0);
-  kernel::Span const span = kernel::validSpan(kernel::rectAt(inputRects, 0), source,
-                                              kernel::rectAt(outputRects, 0), target);
-  kernel::forEachRow(source, target, span, row);
-}
-
 }  // namespace
 
 namespace reference {
@@ -79,10 +66,10 @@ void SoftwareFilter3x16To4x8<In, Out>::apply(std::vector<std::shared_ptr<Buffer2
                                              std::vector<std::shared_ptr<Buffer2D>> const& outputs,
                                              std::vector<std::vector<int>> const& outputRects,
                                              SingleFilterParameters const& /*params*/) {
-  runRows<Rgb16, Rgba8>(inputs, inputRects, outputs, outputRects,
-                        [](Rgb16 const* in, Rgba8* out, size_t n, bool stream) {
-                          kernel::rgb16ToRgba8Vector(in->data(), out->data(), n, stream);
-                        });
+  kernel::runRows<Rgb16, Rgba8>(inputs, inputRects, outputs, outputRects,
+                                [](Rgb16 const* in, Rgba8* out, size_t n, bool stream) {
+                                  kernel::rgb16ToRgba8Vector(in->data(), out->data(), n, stream);
+                                });
 }
 
 template <class In, class Out>
@@ -91,10 +78,10 @@ void SoftwareFilter1x16To1x8<In, Out>::apply(std::vector<std::shared_ptr<Buffer2
                                              std::vector<std::shared_ptr<Buffer2D>> const& outputs,
                                              std::vector<std::vector<int>> const& outputRects,
                                              SingleFilterParameters const& /*params*/) {
-  runRows<int16_t, uint8_t>(inputs, inputRects, outputs, outputRects,
-                            [](int16_t const* in, uint8_t* out, size_t n, bool stream) {
-                              kernel::gray16To8Vector(in, out, n, stream);
-                            });
+  kernel::runRows<int16_t, uint8_t>(inputs, inputRects, outputs, outputRects,
+                                    [](int16_t const* in, uint8_t* out, size_t n, bool stream) {
+                                      kernel::gray16To8Vector(in, out, n, stream);
+                                    });
 }
 
 template <class In, class Out>
@@ -103,10 +90,10 @@ void SoftwareFilterSingleChannelToRGB<In, Out>::apply(
     std::vector<std::vector<int>> const& inputRects,
     std::vector<std::shared_ptr<Buffer2D>> const& outputs,
     std::vector<std::vector<int>> const& outputRects, SingleFilterParameters const& /*params*/) {
-  runRows<int16_t, Rgba8>(inputs, inputRects, outputs, outputRects,
-                          [](int16_t const* in, Rgba8* out, size_t n, bool stream) {
-                            kernel::gray16ToRgba8Vector(in, out->data(), n, stream);
-                          });
+  kernel::runRows<int16_t, Rgba8>(inputs, inputRects, outputs, outputRects,
+                                  [](int16_t const* in, Rgba8* out, size_t n, bool stream) {
+                                    kernel::gray16ToRgba8Vector(in, out->data(), n, stream);
+                                  });
 }
 
 template <class T, size_t N>

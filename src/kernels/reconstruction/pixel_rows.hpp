@@ -6,6 +6,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <vector>
 
 #include "filters/kernel_frame.hpp"
 
@@ -52,6 +54,19 @@ void forEachRow(Buffer2DVector<In> const& source, Buffer2DVector<Out>& target, S
   for (int64_t j = 0; j < s.height; ++j, in += sw, out += tw) {
     row(in, out, static_cast<size_t>(s.width), streamRow(stream, in, out));
   }
+}
+
+/// The frame of a single-source per-pixel kernel: the job's buffers as In and Out pixels,
+/// the validated span, then forEachRow.
+template <class In, class Out, class Row>
+void runRows(std::vector<std::shared_ptr<Buffer2D>> const& inputs,
+             std::vector<std::vector<int>> const& inputRects,
+             std::vector<std::shared_ptr<Buffer2D>> const& outputs,
+             std::vector<std::vector<int>> const& outputRects, Row&& row) {
+  auto& source = typed<In>(inputs, 0);
+  auto& target = typed<Out>(outputs, 0);
+  Span const span = validSpan(rectAt(inputRects, 0), source, rectAt(outputRects, 0), target);
+  forEachRow(source, target, span, row);
 }
 
 }  // namespace quorvel::kernel

@@ -16,19 +16,6 @@ static_assert(sizeof(Ycc16) == 3 * sizeof(int16_t) && sizeof(Rgba8) == 4,
 
 uint8_t clamp8(int32_t v) { return static_cast<uint8_t>(std::clamp(v, 0, 255)); }
 
-// The single-source frame: validate, fit, then one row function per row.
-template <class In, class Out, class Row>
-void runRows(std::vector<std::shared_ptr<Buffer2D>> const& inputs,
-             std::vector<std::vector<int>> const& inputRects,
-             std::vector<std::shared_ptr<Buffer2D>> const& outputs,
-             std::vector<std::vector<int>> const& outputRects, Row&& row) {
-  auto& source = kernel::typed<In>(inputs, 0);
-  auto& target = kernel::typed<Out>(outputs, 0);
-  kernel::Span const span = kernel::validSpan(kernel::rectAt(inputRects, 0), source,
-                                              kernel::rectAt(outputRects, 0), target);
-  kernel::forEachRow(source, target, span, row);
-}
-
 }  // namespace
 
 namespace reference {
@@ -71,10 +58,10 @@ void SoftwareFilterYCoCgToRGB<In, Out>::apply(std::vector<std::shared_ptr<Buffer
                                               std::vector<std::shared_ptr<Buffer2D>> const& outputs,
                                               std::vector<std::vector<int>> const& outputRects,
                                               SingleFilterParameters const& /*params*/) {
-  runRows<Ycc16, Rgb16>(inputs, inputRects, outputs, outputRects,
-                        [](Ycc16 const* in, Rgb16* out, size_t n, bool stream) {
-                          kernel::yCoCgToRgb16Vector(in->data(), out->data(), n, stream);
-                        });
+  kernel::runRows<Ycc16, Rgb16>(inputs, inputRects, outputs, outputRects,
+                                [](Ycc16 const* in, Rgb16* out, size_t n, bool stream) {
+                                  kernel::yCoCgToRgb16Vector(in->data(), out->data(), n, stream);
+                                });
 }
 
 template <class In, class Out>
@@ -83,10 +70,10 @@ void SoftwareFilterYCoCgToRGBA<In, Out>::apply(
     std::vector<std::vector<int>> const& inputRects,
     std::vector<std::shared_ptr<Buffer2D>> const& outputs,
     std::vector<std::vector<int>> const& outputRects, SingleFilterParameters const& /*params*/) {
-  runRows<Ycc16, Rgba8>(inputs, inputRects, outputs, outputRects,
-                        [](Ycc16 const* in, Rgba8* out, size_t n, bool stream) {
-                          kernel::yCoCgToRgba8Vector(in->data(), out->data(), n, stream);
-                        });
+  kernel::runRows<Ycc16, Rgba8>(inputs, inputRects, outputs, outputRects,
+                                [](Ycc16 const* in, Rgba8* out, size_t n, bool stream) {
+                                  kernel::yCoCgToRgba8Vector(in->data(), out->data(), n, stream);
+                                });
 }
 
 template <class In, class Out>
@@ -95,10 +82,10 @@ void SoftwareFilterRGBAToYCoCg<In, Out>::apply(
     std::vector<std::vector<int>> const& inputRects,
     std::vector<std::shared_ptr<Buffer2D>> const& outputs,
     std::vector<std::vector<int>> const& outputRects, SingleFilterParameters const& /*params*/) {
-  runRows<Rgba8, Ycc16>(inputs, inputRects, outputs, outputRects,
-                        [](Rgba8 const* in, Ycc16* out, size_t n, bool stream) {
-                          kernel::rgba8ToYCoCgVector(in->data(), out->data(), n, stream);
-                        });
+  kernel::runRows<Rgba8, Ycc16>(inputs, inputRects, outputs, outputRects,
+                                [](Rgba8 const* in, Ycc16* out, size_t n, bool stream) {
+                                  kernel::rgba8ToYCoCgVector(in->data(), out->data(), n, stream);
+                                });
 }
 
 template class SoftwareFilterYCoCgToRGB<int16_t, int16_t>;
