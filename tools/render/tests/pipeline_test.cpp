@@ -147,6 +147,15 @@ class DisplayOption : public ::testing::Test {
     EXPECT_TRUE(sameColours(expectedImage(input_, kTile, apply), output));
   }
 
+  // `filter` applied to a whole tile of `source`, into a new tile x tile RGBA tile.
+  template <class F, class Source>
+  static std::shared_ptr<Rgba> onTile(F& filter, std::shared_ptr<Source> const& source,
+                                      SingleFilterParameters const& params) {
+    auto out = std::make_shared<Rgba>(kTile, kTile, true);
+    filter.apply({source}, {whole(kTile)}, {out}, {whole(kTile)}, params);
+    return out;
+  }
+
   Image input_;
   RenderOptions options_;
 };
@@ -159,9 +168,7 @@ TEST_F(DisplayOption, GammaOnSrgbPixelsIsBlackWhiteGamma8) {
     SoftwareFilterBlackWhiteGamma8 f(pointFilter("FilterBlackWhiteGamma8"));
     FilterBlackWhiteGamma8Params p;
     p.gamma = 1.8, p.blackPoint = 100, p.whitePoint = 3000;
-    auto out = std::make_shared<Rgba>(kTile, kTile, true);
-    f.apply({in}, {whole(kTile)}, {out}, {whole(kTile)}, p);
-    return out;
+    return onTile(f, in, p);
   });
 }
 
@@ -181,9 +188,7 @@ TEST_F(DisplayOption, LinearGammaIsLinear16TosRGB8OnTheRgbSamples) {
         pointFilter("FilterLinear16TosRGB8", 1, 48, 32, 3, 4, 8));
     FilterLinear16TosRGB8Params p;
     p.gamma = 2.4, p.blackPoint = 20, p.whitePoint = 230;
-    auto out = std::make_shared<Rgba>(kTile, kTile, true);
-    f.apply({rgb}, {whole(kTile)}, {out}, {whole(kTile)}, p);
-    return out;
+    return onTile(f, rgb, p);
   });
 }
 
@@ -197,9 +202,7 @@ TEST_F(DisplayOption, MatrixIsFilter3x3Matrix8InQ10) {
     Filter3x3MatrixParams p;
     p.matrix = {205, 512, 0, 0, 1024, 307, 922, -256, 1024};
     p.scale = 0.75;
-    auto out = std::make_shared<Rgba>(kTile, kTile, true);
-    f.apply({in}, {whole(kTile)}, {out}, {whole(kTile)}, p);
-    return out;
+    return onTile(f, in, p);
   });
 }
 
@@ -236,8 +239,7 @@ TEST_F(DisplayOption, ClaheEqualisesTheLumaOfEachTile) {
     auto equalised = std::make_shared<Rgb16>(kTile, kTile, true);
     clahe.apply({ycocg}, {whole(kTile)}, {equalised}, {whole(kTile)}, p);
     SoftwareFilterYCoCgToRGBA<int16_t, uint8_t> back(pointFilter("FilterYCoCg16ToRGBA8"));
-    auto out = std::make_shared<Rgba>(kTile, kTile, true);
-    back.apply({equalised}, {whole(kTile)}, {out}, {whole(kTile)}, FilterEmptyParams::instance());
+    auto out = onTile(back, equalised, FilterEmptyParams::instance());
     return out;
   });
 }
