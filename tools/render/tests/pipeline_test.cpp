@@ -239,8 +239,7 @@ TEST_F(DisplayOption, ClaheEqualisesTheLumaOfEachTile) {
     auto equalised = std::make_shared<Rgb16>(kTile, kTile, true);
     clahe.apply({ycocg}, {whole(kTile)}, {equalised}, {whole(kTile)}, p);
     SoftwareFilterYCoCgToRGBA<int16_t, uint8_t> back(pointFilter("FilterYCoCg16ToRGBA8"));
-    auto out = onTile(back, equalised, FilterEmptyParams::instance());
-    return out;
+    return onTile(back, equalised, FilterEmptyParams::instance());
   });
 }
 
