@@ -403,7 +403,7 @@ TEST(Clahe, VectorRowKernelsMatchTheScalarFormsOnEveryTarget) {
   std::vector<uint32_t> tables(4 * 256);
   for (auto& t : tables) t = word(gen);
   quorvel::testing::forEachSimdTarget([&] {
-    for (size_t count = 0; count <= 70; ++count) {
+    for (size_t count = 0; count <= 100; ++count) {
       std::vector<int16_t> samples(3 * count + 3);
       for (auto& v : samples) v = static_cast<int16_t>(s(gen));
       std::vector<uint8_t> bins(count + 1, 77), want(count + 1, 77);
@@ -424,6 +424,19 @@ TEST(Clahe, VectorRowKernelsMatchTheScalarFormsOnEveryTarget) {
       clahe_detail::interpolateRow40Scalar(expected.data(), count, 3, 255, tables.data(),
                                            colBase.data(), left.data(), right.data(), up, 40 - up);
       ASSERT_EQ(got, expected) << count;
+
+      // The byte-plane form, starting anywhere in a column block.
+      std::vector<uint8_t> planes(5 * 1024), scratch(5 * count);
+      for (auto& t : planes) t = static_cast<uint8_t>(word(gen));
+      std::vector<uint16_t> left16(left.begin(), left.end()), right16(right.begin(), right.end());
+      size_t const first = count * 7 % 41;
+      got = samples;
+      expected = samples;
+      clahe_detail::interpolateRowBytes(got.data(), count, first, planes.data(), left16.data(),
+                                        right16.data(), up, 40 - up, scratch.data());
+      clahe_detail::interpolateRowBytesScalar(expected.data(), count, first, planes.data(),
+                                              left16.data(), right16.data(), up, 40 - up);
+      ASSERT_EQ(got, expected) << count << " from column " << first;
     }
   });
 }

@@ -27,6 +27,22 @@ void interpolateRow40Scalar(int16_t* samples, size_t count, size_t channels, int
   }
 }
 
+void interpolateRowBytesScalar(int16_t* samples, size_t count, size_t firstColumn,
+                               uint8_t const* tables, uint16_t const* weightLeft,
+                               uint16_t const* weightRight, int32_t weightUp, int32_t weightDown) {
+  size_t const firstBlock = (firstColumn + 20) / 40;
+  for (size_t i = 0; i < count; ++i) {
+    int16_t& sample = samples[i * 3];
+    uint8_t const* t = tables + ((firstColumn + i + 20) / 40 - firstBlock) * 1024;
+    size_t const v = static_cast<size_t>(std::clamp<int16_t>(sample, 0, 255));
+    uint32_t const wl = weightLeft[i], wr = weightRight[i];
+    uint32_t const top = t[v] * wl + t[256 + v] * wr;
+    uint32_t const bottom = t[512 + v] * wl + t[768 + v] * wr;
+    sample = static_cast<int16_t>(divideRounded1600(top * static_cast<uint32_t>(weightUp) +
+                                                    bottom * static_cast<uint32_t>(weightDown)));
+  }
+}
+
 void extractBinsScalar(int16_t const* samples, uint8_t* bins, size_t count) {
   for (size_t i = 0; i < count; ++i) {
     bins[i] = static_cast<uint8_t>(std::clamp<int16_t>(samples[3 * i], 0, 255));
@@ -169,28 +185,17 @@ void CLAHE::countTileRow(int16_t const* samples, size_t tr, std::vector<uint32_t
   }
   size_t const cEndAll = std::min(countedCols * tileSize, histWidth);
   bool const fast = fastBins();
+  size_t const bandRows = rEnd - rBegin;
   if (fast) {
-    // The usual grid: the bins of a pixel row are extracted in one vector pass, then counted
-    // into four interleaved 16-bit histograms per tile (at most 40 * 10 counts each), so
-    // runs of equal samples do not serialise on one counter.
-    fastCounts.assign(countedCols * 4 * 256, 0);
-    rowBins.resize(cEndAll);
+    // The usual grid: the bins of the band's pixel rows are extracted in one vector pass per
+    // row; each tile is then counted on its own (below) into four interleaved 16-bit
+    // histograms (at most 40 * 10 counts each) that stay in the first-level cache, so runs
+    // of equal samples do not serialise on one counter.
+    fastCounts.resize(4 * 256);
+    rowBins.resize(bandRows * cEndAll);
     for (size_t r = rBegin; r < rEnd; ++r) {
-      clahe_detail::extractBins(samples + r * stride * channels, rowBins.data(), cEndAll);
-      for (size_t tc = 0; tc < countedCols; ++tc) {
-        size_t const cBegin = tc * tileSize;
-        size_t const n = std::min(cBegin + tileSize, cEndAll) - cBegin;
-        uint8_t const* p = rowBins.data() + cBegin;
-        uint16_t* h = fastCounts.data() + tc * 4 * 256;
-        size_t c = 0;
-        for (; c + 4 <= n; c += 4, p += 4) {
-          ++h[p[0]];
-          ++h[256 + p[1]];
-          ++h[512 + p[2]];
-          ++h[768 + p[3]];
-        }
-        for (; c < n; ++c, ++p) ++h[*p];
-      }
+      clahe_detail::extractBins(samples + r * stride * channels,
+                                rowBins.data() + (r - rBegin) * cEndAll, cEndAll);
     }
   } else {
     // Any other grid: two interleaved sets (even and odd pixels) per tile.
@@ -226,7 +231,20 @@ void CLAHE::countTileRow(int16_t const* samples, size_t tr, std::vector<uint32_t
       continue;
     }
     if (fast) {
-      uint16_t const* h = fastCounts.data() + tc * 4 * 256;
+      uint16_t* h = fastCounts.data();
+      std::fill_n(h, 4 * 256, uint16_t{0});
+      size_t const n = cEnd - cBegin;
+      for (size_t r = 0; r < bandRows; ++r) {
+        uint8_t const* p = rowBins.data() + r * cEndAll + cBegin;
+        size_t c = 0;
+        for (; c + 4 <= n; c += 4, p += 4) {
+          ++h[p[0]];
+          ++h[256 + p[1]];
+          ++h[512 + p[2]];
+          ++h[768 + p[3]];
+        }
+        for (; c < n; ++c, ++p) ++h[*p];
+      }
       for (size_t b = 0; b < 256; ++b) {
         mapping[b] = uint32_t{h[b]} + h[256 + b] + h[512 + b] + h[768 + b];
       }
@@ -298,8 +316,11 @@ Block blockOf(size_t index, size_t tileSize, size_t tiles) {
 struct CLAHE::PackedGrid {
   bool usable = false;  // 40-pixel grid starting at level 0
   size_t kFirst = 0, kLast = 0;
+  bool bytes = false;  // byte-plane tables (256 levels, byte permutes available)
   std::vector<int32_t> colBase, weightLeft, weightRight;
-  std::vector<uint32_t> tables;
+  std::vector<uint32_t> tables;  // packed words, for the gather form
+  std::vector<uint16_t> weightLeft16, weightRight16;
+  std::vector<uint8_t> byteTables, scratch;  // byte planes, for the byte form
   size_t builtFor = std::numeric_limits<size_t>::max();
   std::vector<int8_t> rowIsBytes;  // per tile row: -1 unknown, else all mappings < 256
 };
@@ -328,7 +349,16 @@ void CLAHE::prepareInterpolation(PackedGrid& grid, size_t c0, size_t c1) const {
     grid.weightLeft[c - c0] = (static_cast<int32_t>(cols.size) - x) * scale;
     grid.weightRight[c - c0] = x * scale;
   }
-  grid.tables.resize((grid.kLast - grid.kFirst + 1) * levels);
+  size_t const blocks = grid.kLast - grid.kFirst + 1;
+  grid.bytes = levels == 256 && channels == 3 && clahe_detail::byteTablesPreferred();
+  if (grid.bytes) {
+    grid.weightLeft16.assign(grid.weightLeft.begin(), grid.weightLeft.end());
+    grid.weightRight16.assign(grid.weightRight.begin(), grid.weightRight.end());
+    grid.byteTables.resize(blocks * 4 * 256);
+    grid.scratch.resize(5 * count);
+  } else {
+    grid.tables.resize(blocks * levels);
+  }
 }
 
 void CLAHE::interpolateRows(PackedGrid& grid, int16_t* samples, size_t r0, size_t c0, size_t r1,
@@ -430,6 +460,16 @@ void CLAHE::interpolatePacked(PackedGrid& grid, int16_t* samples, size_t r0, siz
         uint32_t const* ur = tileMapping(rows.tileBefore, cols.tileAfter);
         uint32_t const* ll = tileMapping(rows.tileAfter, cols.tileBefore);
         uint32_t const* lr = tileMapping(rows.tileAfter, cols.tileAfter);
+        if (grid.bytes) {
+          uint8_t* planes = grid.byteTables.data() + (k - grid.kFirst) * 1024;
+          size_t p = 0;
+          for (uint32_t const* m : {ul, ur, ll, lr}) {
+            for (size_t v = 0; v < 256; ++v, ++p) {
+              planes[p] = static_cast<uint8_t>(m[identity ? v : static_cast<size_t>(binLut[v])]);
+            }
+          }
+          continue;
+        }
         uint32_t* table = grid.tables.data() + (k - grid.kFirst) * levels;
         if (identity) {
           for (size_t v = 0; v < 256; ++v)
@@ -445,10 +485,18 @@ void CLAHE::interpolatePacked(PackedGrid& grid, int16_t* samples, size_t r0, siz
     }
     auto const scale = static_cast<int32_t>(kTile / rows.size);
     auto const y = static_cast<int32_t>(r - rows.start);
-    clahe_detail::interpolateRow40(
-        samples + (r * stride + c0) * channels, count, channels, static_cast<int32_t>(levels - 1),
-        grid.tables.data(), grid.colBase.data(), grid.weightLeft.data(), grid.weightRight.data(),
-        (static_cast<int32_t>(rows.size) - y) * scale, y * scale);
+    int32_t const weightUp = (static_cast<int32_t>(rows.size) - y) * scale;
+    if (grid.bytes) {
+      clahe_detail::interpolateRowBytes(samples + (r * stride + c0) * channels, count, c0,
+                                        grid.byteTables.data(), grid.weightLeft16.data(),
+                                        grid.weightRight16.data(), weightUp, y * scale,
+                                        grid.scratch.data());
+      continue;
+    }
+    clahe_detail::interpolateRow40(samples + (r * stride + c0) * channels, count, channels,
+                                   static_cast<int32_t>(levels - 1), grid.tables.data(),
+                                   grid.colBase.data(), grid.weightLeft.data(),
+                                   grid.weightRight.data(), weightUp, y * scale);
   }
 }
 

@@ -1,11 +1,19 @@
-// Vector row kernel of the CLAHE interpolation, compiled once per instruction set and picked
-// at run time. Whole vectors first, the rest of the row in the scalar form, so both give
-// identical samples.
+// Vector row kernels of the CLAHE interpolation, compiled once per instruction set and
+// picked at run time. Whole vectors first, the rest of the row in the scalar form, so both
+// give identical samples.
+
+// With AVX-512 VBMI the mapping tables are looked up by byte permutes instead of gathers, a
+// target that is opt-in in this Highway.
+#ifndef HWY_WANT_AVX3_DL
+#define HWY_WANT_AVX3_DL
+#endif
 
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "kernels/display/clahe_hwy.cpp"
 #include <hwy/foreach_target.h>  // IWYU pragma: keep
 #include <hwy/highway.h>
+
+#include <algorithm>
 
 #include "quorvel/kernels/display/clahe.hpp"
 
@@ -54,10 +62,22 @@ constexpr uint32_t reinsertMask(int k) {
   return m;
 }
 
+// Output vector k of 96 samples with channel 0 taken from 32 results in pixel order.
+constexpr WordIndex reinsertNaturalIndex(int k) {
+  WordIndex w{};
+  for (int q = 0; q < 32; ++q) {
+    int const s = 32 * k + q;
+    w.lanes[q] = static_cast<uint16_t>(s % 3 == 0 ? s / 3 : 0);
+  }
+  return w;
+}
+
 inline constexpr WordIndex kChannel0Index[2] = {channel0Index(false), channel0Index(true)};
 inline constexpr uint32_t kChannel0ThirdMask = 0xFFC00000u;  // pixels 22..31
 inline constexpr WordIndex kReinsertIndex[3] = {reinsertIndex(0), reinsertIndex(1),
                                                 reinsertIndex(2)};
+inline constexpr WordIndex kReinsertNaturalIndex[3] = {
+    reinsertNaturalIndex(0), reinsertNaturalIndex(1), reinsertNaturalIndex(2)};
 inline constexpr uint32_t kReinsertMask[3] = {reinsertMask(0), reinsertMask(1), reinsertMask(2)};
 
 }  // namespace quorvel::clahe_detail
@@ -131,6 +151,100 @@ HWY_INLINE size_t InterpolateBlocks32(int16_t* samples, size_t count, int32_t ma
   return i;
 }
 #endif
+
+#if HWY_TARGET == HWY_AVX3_DL
+// Looks up the four byte planes of every column in three permutes per plane and 64 samples:
+// two two-table permutes over the halves of the 256 entries and a blend on the index's top
+// bit. One column block (at most 40 columns) at a time, its tables taken from memory.
+HWY_INLINE void LookUpBlocks(uint8_t const* bins, size_t count, size_t firstColumn,
+                             uint8_t const* tables, uint8_t* planes) {
+  size_t const firstBlock = (firstColumn + 20) / 40;
+  for (size_t s = 0; s < count;) {
+    size_t const block = (firstColumn + s + 20) / 40;
+    size_t const e = std::min(count, block * 40 + 20 - firstColumn);
+    __mmask64 const m = _bzhi_u64(~uint64_t{0}, static_cast<uint32_t>(e - s));
+    __m512i const index = _mm512_maskz_loadu_epi8(m, bins + s);
+    __mmask64 const upper = _mm512_movepi8_mask(index);
+    uint8_t const* t = tables + (block - firstBlock) * 1024;
+    for (size_t p = 0; p < 4; ++p, t += 256) {
+      __m512i const low =
+          _mm512_permutex2var_epi8(_mm512_loadu_si512(t), index, _mm512_loadu_si512(t + 64));
+      __m512i const high =
+          _mm512_permutex2var_epi8(_mm512_loadu_si512(t + 128), index, _mm512_loadu_si512(t + 192));
+      _mm512_mask_storeu_epi8(planes + p * count + s, m, _mm512_mask_blend_epi8(upper, low, high));
+    }
+    s = e;
+  }
+}
+
+// 32 pixels at a time from the looked-up planes: the column mixes in 16-bit lanes (at most
+// 255 * 40), the row mix by pairwise multiply-add of interleaved top and bottom words, and
+// the packing undoes the interleave, so the results come out in pixel order.
+HWY_INLINE size_t MixPlanes32(int16_t* samples, size_t count, uint8_t const* planes,
+                              uint16_t const* weightLeft, uint16_t const* weightRight,
+                              int32_t weightUp, int32_t weightDown) {
+  using namespace clahe_detail;
+  __m512i insert[3];
+  for (int k = 0; k < 3; ++k) insert[k] = _mm512_load_si512(kReinsertNaturalIndex[k].lanes);
+  __m512i const rowWeights = _mm512_set1_epi32(weightUp | weightDown << 16);
+  __m512i const half = _mm512_set1_epi32(800);
+  __m512i const by25 = _mm512_set1_epi16(5243);
+  auto const plane = [&](size_t p, size_t i) {
+    return _mm512_cvtepu8_epi16(
+        _mm256_loadu_si256(reinterpret_cast<__m256i const*>(planes + p * count + i)));
+  };
+  size_t i = 0;
+  for (; i + 32 <= count; i += 32) {
+    __m512i const wl = _mm512_loadu_si512(weightLeft + i), wr = _mm512_loadu_si512(weightRight + i);
+    __m512i const top =
+        _mm512_add_epi16(_mm512_mullo_epi16(plane(0, i), wl), _mm512_mullo_epi16(plane(1, i), wr));
+    __m512i const bottom =
+        _mm512_add_epi16(_mm512_mullo_epi16(plane(2, i), wl), _mm512_mullo_epi16(plane(3, i), wr));
+    __m512i const lo = _mm512_madd_epi16(_mm512_unpacklo_epi16(top, bottom), rowWeights);
+    __m512i const hi = _mm512_madd_epi16(_mm512_unpackhi_epi16(top, bottom), rowWeights);
+    // (num + 800) >> 6 is at most 6387: packing and the unsigned high-half multiply are exact.
+    __m512i const packed = _mm512_packus_epi32(_mm512_srli_epi32(_mm512_add_epi32(lo, half), 6),
+                                               _mm512_srli_epi32(_mm512_add_epi32(hi, half), 6));
+    __m512i const value = _mm512_srli_epi16(_mm512_mulhi_epu16(packed, by25), 1);
+    int16_t* p = samples + 3 * i;
+    for (int k = 0; k < 3; ++k) {
+      __m512i const v = _mm512_loadu_si512(p + 32 * k);
+      _mm512_storeu_si512(p + 32 * k,
+                          _mm512_mask_permutexvar_epi16(v, kReinsertMask[k], insert[k], value));
+    }
+  }
+  return i;
+}
+#endif
+
+void ExtractBins(int16_t const* samples, uint8_t* bins, size_t count);
+
+// The row from byte planes: with byte permutes, the bins of the row, then the lookups of
+// each column block, then the mix; elsewhere the scalar form (the gather form is preferred
+// there).
+void InterpolateRowBytes(int16_t* samples, size_t count, size_t firstColumn, uint8_t const* tables,
+                         uint16_t const* weightLeft, uint16_t const* weightRight, int32_t weightUp,
+                         int32_t weightDown, uint8_t* scratch) {
+  size_t i = 0;
+#if HWY_TARGET == HWY_AVX3_DL
+  if (count >= 32) {
+    uint8_t* planes = scratch + count;
+    ExtractBins(samples, scratch, count);
+    LookUpBlocks(scratch, count, firstColumn, tables, planes);
+    i = MixPlanes32(samples, count, planes, weightLeft, weightRight, weightUp, weightDown);
+  }
+#else
+  (void)scratch;
+#endif
+  if (i < count) {
+    size_t const blockOffset = ((firstColumn + i + 20) / 40 - (firstColumn + 20) / 40) * 1024;
+    clahe_detail::interpolateRowBytesScalar(samples + 3 * i, count - i, firstColumn + i,
+                                            tables + blockOffset, weightLeft + i, weightRight + i,
+                                            weightUp, weightDown);
+  }
+}
+
+bool ByteTablesPreferred() { return HWY_TARGET == HWY_AVX3_DL; }
 
 // =====================================================================================
 // CLAHE - bilinear mix of the packed tile mappings
@@ -265,6 +379,8 @@ namespace clahe_detail {
 
 HWY_EXPORT(InterpolateRow40);
 HWY_EXPORT(ExtractBins);
+HWY_EXPORT(InterpolateRowBytes);
+HWY_EXPORT(ByteTablesPreferred);
 HWY_EXPORT(ExcessOver);
 HWY_EXPORT(CutAndShare);
 
@@ -275,6 +391,15 @@ int32_t excessOver(int32_t const* h, size_t n, int32_t limit) {
 int32_t cutAndShare(int32_t* h, size_t n, int32_t limit, int32_t inc) {
   return HWY_DYNAMIC_DISPATCH(CutAndShare)(h, n, limit, inc);
 }
+
+void interpolateRowBytes(int16_t* samples, size_t count, size_t firstColumn, uint8_t const* tables,
+                         uint16_t const* weightLeft, uint16_t const* weightRight, int32_t weightUp,
+                         int32_t weightDown, uint8_t* scratch) {
+  HWY_DYNAMIC_DISPATCH(InterpolateRowBytes)
+  (samples, count, firstColumn, tables, weightLeft, weightRight, weightUp, weightDown, scratch);
+}
+
+bool byteTablesPreferred() { return HWY_DYNAMIC_DISPATCH(ByteTablesPreferred)(); }
 
 void extractBins(int16_t const* samples, uint8_t* bins, size_t count) {
   HWY_DYNAMIC_DISPATCH(ExtractBins)(samples, bins, count);

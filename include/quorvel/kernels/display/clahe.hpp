@@ -127,6 +127,21 @@ void interpolateRow40Scalar(int16_t* samples, size_t count, size_t channels, int
                             int32_t const* weightLeft, int32_t const* weightRight, int32_t weightUp,
                             int32_t weightDown);
 
+/// The same row from byte tables, for grids of 256 levels: `tables` holds, for each column
+/// block from the row's first (block k covers the columns c with (c + 20) / 40 == k), the
+/// four mappings as planes of 256 bytes (UL, UR, LL, LR). Column i of the row is image
+/// column firstColumn + i; its sample is clamped to [0, 255] and mixed as in
+/// interpolateRow40. `scratch` holds 5 * count bytes. Vectorised where the processor can
+/// look bytes up by permutes (see byteTablesPreferred); equal to the scalar form.
+void interpolateRowBytes(int16_t* samples, size_t count, size_t firstColumn, uint8_t const* tables,
+                         uint16_t const* weightLeft, uint16_t const* weightRight, int32_t weightUp,
+                         int32_t weightDown, uint8_t* scratch);
+void interpolateRowBytesScalar(int16_t* samples, size_t count, size_t firstColumn,
+                               uint8_t const* tables, uint16_t const* weightLeft,
+                               uint16_t const* weightRight, int32_t weightUp, int32_t weightDown);
+/// Whether interpolateRowBytes beats the gathers of interpolateRow40 on this processor.
+bool byteTablesPreferred();
+
 /// The bin of `count` samples samples[i * 3] for 256 bins over 0..255: the sample clamped
 /// to [0, 255]. Vectorised; equal to the scalar form.
 void extractBins(int16_t const* samples, uint8_t* bins, size_t count);
