@@ -462,11 +462,15 @@ void CLAHE::interpolatePacked(PackedGrid& grid, int16_t* samples, size_t r0, siz
         uint32_t const* lr = tileMapping(rows.tileAfter, cols.tileAfter);
         if (grid.bytes) {
           uint8_t* planes = grid.byteTables.data() + (k - grid.kFirst) * 1024;
-          size_t p = 0;
           for (uint32_t const* m : {ul, ur, ll, lr}) {
-            for (size_t v = 0; v < 256; ++v, ++p) {
-              planes[p] = static_cast<uint8_t>(m[identity ? v : static_cast<size_t>(binLut[v])]);
+            if (identity) {
+              for (size_t v = 0; v < 256; ++v) planes[v] = static_cast<uint8_t>(m[v]);
+            } else {
+              for (size_t v = 0; v < 256; ++v) {
+                planes[v] = static_cast<uint8_t>(m[static_cast<size_t>(binLut[v])]);
+              }
             }
+            planes += 256;
           }
           continue;
         }
