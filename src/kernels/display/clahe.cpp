@@ -271,10 +271,13 @@ void CLAHE::countTileRow(int16_t const* samples, size_t tr, std::vector<uint32_t
       for (size_t sum = 0; sum <= pixels; ++sum) levels_[sum] = levelOf(sum);
       levelsFor_ = key;
     }
+    // (The table is read through a local pointer: the stores into the mapping could
+    // otherwise alias the vector's own pointer and force a reload per bin.)
+    uint32_t const* const levels = levels_.data();
     uint64_t sum = 0;
     for (size_t b = 0; b < numBins; ++b) {
       sum += mapping[b];
-      mapping[b] = sum <= pixels ? levels_[sum] : levelOf(sum);
+      mapping[b] = sum <= pixels ? levels[sum] : levelOf(sum);
     }
   }
 }
