@@ -430,13 +430,17 @@ TEST(Clahe, VectorRowKernelsMatchTheScalarFormsOnEveryTarget) {
       for (auto& t : planes) t = static_cast<uint8_t>(word(gen));
       std::vector<uint16_t> left16(left.begin(), left.end()), right16(right.begin(), right.end());
       size_t const first = count * 7 % 41;
-      got = samples;
       expected = samples;
-      clahe_detail::interpolateRowBytes(got.data(), count, first, planes.data(), left16.data(),
-                                        right16.data(), up, 40 - up, scratch.data());
       clahe_detail::interpolateRowBytesScalar(expected.data(), count, first, planes.data(),
                                               left16.data(), right16.data(), up, 40 - up);
-      ASSERT_EQ(got, expected) << count << " from column " << first;
+      for (uint8_t const* given : std::array<uint8_t const*, 2>{nullptr, want.data()}) {
+        got = samples;
+        clahe_detail::interpolateRowBytes(got.data(), given, count, first, planes.data(),
+                                          left16.data(), right16.data(), up, 40 - up,
+                                          scratch.data());
+        ASSERT_EQ(got, expected) << count << " from column " << first
+                                 << (given ? " with bins" : "");
+      }
     }
   });
 }

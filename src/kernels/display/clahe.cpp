@@ -164,7 +164,7 @@ bool CLAHE::fastBins() const {
 }
 
 void CLAHE::countTileRow(int16_t const* samples, size_t tr, std::vector<uint32_t>& counts,
-                         std::vector<uint16_t>& fastCounts, std::vector<uint8_t>& rowBins) {
+                         std::vector<uint16_t>& fastCounts) {
   int32_t const* const bins = binLut.data();
   auto const bin = [this, bins](int16_t sample) {
     return static_cast<size_t>(bins[sampleIndex(sample)]);
@@ -173,6 +173,7 @@ void CLAHE::countTileRow(int16_t const* samples, size_t tr, std::vector<uint32_t
     return std::min(r * tileSize + tileSize, histHeight) == r * tileSize + tileSize &&
            std::min(c * tileSize + tileSize, histWidth) == c * tileSize + tileSize;
   };
+  binsBand_[tr % 2] = kNoBand;
   size_t const rBegin = std::min(tr * tileSize, histHeight);
   size_t const rEnd = std::min(rBegin + tileSize, histHeight);
   // Count the tiles that keep their own histogram: partial tiles at the right or bottom
@@ -186,17 +187,22 @@ void CLAHE::countTileRow(int16_t const* samples, size_t tr, std::vector<uint32_t
   size_t const cEndAll = std::min(countedCols * tileSize, histWidth);
   bool const fast = fastBins();
   size_t const bandRows = rEnd - rBegin;
+  uint8_t* rowBins = nullptr;
   if (fast) {
     // The usual grid: the bins of the band's pixel rows are extracted in one vector pass per
     // row; each tile is then counted on its own (below) into four interleaved 16-bit
     // histograms (at most 40 * 10 counts each) that stay in the first-level cache, so runs
     // of equal samples do not serialise on one counter.
+    // The bins cover the whole width and stay in one of two slots, where the interpolation
+    // of the same rows finds them again.
     fastCounts.resize(4 * 256);
-    rowBins.resize(bandRows * cEndAll);
+    bandBins_.resize(2 * tileSize * histWidth);
+    rowBins = bandBins_.data() + tr % 2 * tileSize * histWidth;
     for (size_t r = rBegin; r < rEnd; ++r) {
-      clahe_detail::extractBins(samples + r * stride * channels,
-                                rowBins.data() + (r - rBegin) * cEndAll, cEndAll);
+      clahe_detail::extractBins(samples + r * stride * channels, rowBins + (r - rBegin) * histWidth,
+                                histWidth);
     }
+    binsBand_[tr % 2] = tr;
   } else {
     // Any other grid: two interleaved sets (even and odd pixels) per tile.
     counts.assign(2 * tileCols * numBins, 0u);
@@ -235,7 +241,7 @@ void CLAHE::countTileRow(int16_t const* samples, size_t tr, std::vector<uint32_t
       std::fill_n(h, 4 * 256, uint16_t{0});
       size_t const n = cEnd - cBegin;
       for (size_t r = 0; r < bandRows; ++r) {
-        uint8_t const* p = rowBins.data() + r * cEndAll + cBegin;
+        uint8_t const* p = rowBins + r * histWidth + cBegin;
         size_t c = 0;
         for (; c + 4 <= n; c += 4, p += 4) {
           ++h[p[0]];
@@ -290,8 +296,7 @@ void CLAHE::computeMappings(int16_t const* samples) {
   // samples stream through memory in order.
   std::vector<uint32_t> counts;
   std::vector<uint16_t> fastCounts;
-  std::vector<uint8_t> rowBins;
-  for (size_t tr = 0; tr < tileRows; ++tr) countTileRow(samples, tr, counts, fastCounts, rowBins);
+  for (size_t tr = 0; tr < tileRows; ++tr) countTileRow(samples, tr, counts, fastCounts);
 }
 
 namespace {
@@ -404,6 +409,8 @@ void CLAHE::interpolate(int16_t* samples, size_t r0, size_t c0, size_t rowCount,
     return b >= 0 && static_cast<size_t>(b) < numBins;
   });
   if (!binsValid || binLut.size() != static_cast<size_t>(int64_t{maxValue} - minValue + 1)) return;
+  // The samples may have changed since they were counted.
+  binsBand_ = {kNoBand, kNoBand};
   PackedGrid grid;
   prepareInterpolation(grid, c0, c1);
   interpolateRows(grid, samples, r0, c0, r1, c1);
@@ -429,12 +436,11 @@ void CLAHE::equalize(int16_t* samples, size_t r0, size_t c0,
   prepareInterpolation(grid, c0, width);
   std::vector<uint32_t> counts;
   std::vector<uint16_t> fastCounts;
-  std::vector<uint8_t> rowBins;
   size_t next = r0;  // first row still to be interpolated
   for (size_t tr = 0; tr < tileRows; ++tr) {
     // Tile row tr completes the mappings of every row up to the centre of its tiles; those
     // rows do not overlap the samples of the tile rows still to be counted.
-    countTileRow(samples, tr, counts, fastCounts, rowBins);
+    countTileRow(samples, tr, counts, fastCounts);
     size_t const ready =
         tr + 1 == tileRows ? height : std::min(height, (tr + 1) * tileSize - tileSize / 2);
     if (next < ready) {
@@ -494,7 +500,13 @@ void CLAHE::interpolatePacked(PackedGrid& grid, int16_t* samples, size_t r0, siz
     auto const y = static_cast<int32_t>(r - rows.start);
     int32_t const weightUp = (static_cast<int32_t>(rows.size) - y) * scale;
     if (grid.bytes) {
-      clahe_detail::interpolateRowBytes(samples + (r * stride + c0) * channels, count, c0,
+      // The bins extracted when this row was counted, if its slot still holds them.
+      uint8_t const* bins = nullptr;
+      size_t const t = r / kTile;
+      if (histWidth == width && binsBand_[t % 2] == t) {
+        bins = bandBins_.data() + ((t % 2) * kTile + r - t * kTile) * histWidth + c0;
+      }
+      clahe_detail::interpolateRowBytes(samples + (r * stride + c0) * channels, bins, count, c0,
                                         grid.byteTables.data(), grid.weightLeft16.data(),
                                         grid.weightRight16.data(), weightUp, y * scale,
                                         grid.scratch.data());

@@ -222,18 +222,23 @@ void ExtractBins(int16_t const* samples, uint8_t* bins, size_t count);
 // The row from byte planes: with byte permutes, the bins of the row, then the lookups of
 // each column block, then the mix; elsewhere the scalar form (the gather form is preferred
 // there).
-void InterpolateRowBytes(int16_t* samples, size_t count, size_t firstColumn, uint8_t const* tables,
-                         uint16_t const* weightLeft, uint16_t const* weightRight, int32_t weightUp,
-                         int32_t weightDown, uint8_t* scratch) {
+void InterpolateRowBytes(int16_t* samples, uint8_t const* bins, size_t count, size_t firstColumn,
+                         uint8_t const* tables, uint16_t const* weightLeft,
+                         uint16_t const* weightRight, int32_t weightUp, int32_t weightDown,
+                         uint8_t* scratch) {
   size_t i = 0;
 #if HWY_TARGET == HWY_AVX3_DL
   if (count >= 32) {
     uint8_t* planes = scratch + count;
-    ExtractBins(samples, scratch, count);
-    LookUpBlocks(scratch, count, firstColumn, tables, planes);
+    if (bins == nullptr) {
+      ExtractBins(samples, scratch, count);
+      bins = scratch;
+    }
+    LookUpBlocks(bins, count, firstColumn, tables, planes);
     i = MixPlanes32(samples, count, planes, weightLeft, weightRight, weightUp, weightDown);
   }
 #else
+  (void)bins;
   (void)scratch;
 #endif
   if (i < count) {
@@ -392,11 +397,13 @@ int32_t cutAndShare(int32_t* h, size_t n, int32_t limit, int32_t inc) {
   return HWY_DYNAMIC_DISPATCH(CutAndShare)(h, n, limit, inc);
 }
 
-void interpolateRowBytes(int16_t* samples, size_t count, size_t firstColumn, uint8_t const* tables,
-                         uint16_t const* weightLeft, uint16_t const* weightRight, int32_t weightUp,
-                         int32_t weightDown, uint8_t* scratch) {
+void interpolateRowBytes(int16_t* samples, uint8_t const* bins, size_t count, size_t firstColumn,
+                         uint8_t const* tables, uint16_t const* weightLeft,
+                         uint16_t const* weightRight, int32_t weightUp, int32_t weightDown,
+                         uint8_t* scratch) {
   HWY_DYNAMIC_DISPATCH(InterpolateRowBytes)
-  (samples, count, firstColumn, tables, weightLeft, weightRight, weightUp, weightDown, scratch);
+  (samples, bins, count, firstColumn, tables, weightLeft, weightRight, weightUp, weightDown,
+   scratch);
 }
 
 bool byteTablesPreferred() { return HWY_DYNAMIC_DISPATCH(ByteTablesPreferred)(); }

@@ -90,6 +90,12 @@ class CLAHE {
   // range in levelsFor_.
   std::vector<uint32_t> levels_;
   std::array<int64_t, 3> levelsFor_{};
+  // The clamped samples of the last two tile rows counted (two slots of tileSize rows of
+  // histWidth bytes) and which tile row each slot holds; the banded equalisation reads them
+  // back instead of extracting the same rows again.
+  static constexpr size_t kNoBand = ~size_t{0};
+  std::vector<uint8_t> bandBins_;
+  std::array<size_t, 2> binsBand_{kNoBand, kNoBand};
   // The steps of clipHistogram: cut and share in 32 or 64 bits (returning what is left of
   // the excess), then spread the rest.
   int64_t clipCounts32(uint32_t* histogram, int32_t limit) const;
@@ -97,7 +103,7 @@ class CLAHE {
   void spreadExcess(uint32_t* histogram, uint64_t limit, int64_t excess) const;
   bool fastBins() const;
   void countTileRow(int16_t const* samples, size_t tr, std::vector<uint32_t>& counts,
-                    std::vector<uint16_t>& fastCounts, std::vector<uint8_t>& rowBins);
+                    std::vector<uint16_t>& fastCounts);
   void prepareInterpolation(PackedGrid& grid, size_t c0, size_t c1) const;
   void interpolateRows(PackedGrid& grid, int16_t* samples, size_t r0, size_t c0, size_t r1,
                        size_t c1);
@@ -131,11 +137,13 @@ void interpolateRow40Scalar(int16_t* samples, size_t count, size_t channels, int
 /// block from the row's first (block k covers the columns c with (c + 20) / 40 == k), the
 /// four mappings as planes of 256 bytes (UL, UR, LL, LR). Column i of the row is image
 /// column firstColumn + i; its sample is clamped to [0, 255] and mixed as in
-/// interpolateRow40. `scratch` holds 5 * count bytes. Vectorised where the processor can
+/// interpolateRow40. `bins` holds the clamped samples if the caller has them, else null;
+/// `scratch` holds 5 * count bytes. Vectorised where the processor can
 /// look bytes up by permutes (see byteTablesPreferred); equal to the scalar form.
-void interpolateRowBytes(int16_t* samples, size_t count, size_t firstColumn, uint8_t const* tables,
-                         uint16_t const* weightLeft, uint16_t const* weightRight, int32_t weightUp,
-                         int32_t weightDown, uint8_t* scratch);
+void interpolateRowBytes(int16_t* samples, uint8_t const* bins, size_t count, size_t firstColumn,
+                         uint8_t const* tables, uint16_t const* weightLeft,
+                         uint16_t const* weightRight, int32_t weightUp, int32_t weightDown,
+                         uint8_t* scratch);
 void interpolateRowBytesScalar(int16_t* samples, size_t count, size_t firstColumn,
                                uint8_t const* tables, uint16_t const* weightLeft,
                                uint16_t const* weightRight, int32_t weightUp, int32_t weightDown);
