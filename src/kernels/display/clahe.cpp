@@ -375,10 +375,7 @@ void CLAHE::interpolateRows(PackedGrid& grid, int16_t* samples, size_t r0, size_
   auto const isBytes = [&](size_t tr) {
     if (grid.rowIsBytes[tr] < 0) {
       // An OR over the row rather than a search: it vectorises, and nearly every row passes.
-      uint32_t const* m = tileMapping(tr, 0);
-      uint32_t bits = 0;
-      for (size_t i = 0; i < tileCols * numBins; ++i) bits |= m[i];
-      grid.rowIsBytes[tr] = bits < 256 ? 1 : 0;
+      grid.rowIsBytes[tr] = clahe_detail::orAll(tileMapping(tr, 0), tileCols * numBins) < 256;
     }
     return grid.rowIsBytes[tr] == 1;
   };
@@ -473,7 +470,7 @@ void CLAHE::interpolatePacked(PackedGrid& grid, int16_t* samples, size_t r0, siz
           uint8_t* planes = grid.byteTables.data() + (k - grid.kFirst) * 1024;
           for (uint32_t const* m : {ul, ur, ll, lr}) {
             if (identity) {
-              for (size_t v = 0; v < 256; ++v) planes[v] = static_cast<uint8_t>(m[v]);
+              clahe_detail::narrowToBytes(m, planes, 256);
             } else {
               for (size_t v = 0; v < 256; ++v) {
                 planes[v] = static_cast<uint8_t>(m[static_cast<size_t>(binLut[v])]);

@@ -335,6 +335,33 @@ void ExtractBins(int16_t const* samples, uint8_t* bins, size_t count) {
   if (i < count) clahe_detail::extractBinsScalar(samples + 3 * i, bins + i, count - i);
 }
 
+// Mapping words to bytes, for mappings already known to fit (the narrowing saturates).
+void NarrowToBytes(uint32_t const* words, uint8_t* bytes, size_t n) {
+  const hn::ScalableTag<int32_t> d;
+  const hn::Rebind<uint8_t, decltype(d)> d8;
+  size_t const lanes = hn::Lanes(d);
+  auto const* in = reinterpret_cast<int32_t const*>(words);
+  size_t i = 0;
+  for (; i + lanes <= n; i += lanes)
+    hn::StoreU(hn::DemoteTo(d8, hn::LoadU(d, in + i)), d8, bytes + i);
+  for (; i < n; ++i) bytes[i] = static_cast<uint8_t>(std::min<uint32_t>(words[i], 255));
+}
+
+uint32_t OrAll(uint32_t const* words, size_t n) {
+  const hn::ScalableTag<uint32_t> d;
+  size_t const lanes = hn::Lanes(d);
+  auto bits = hn::Zero(d);
+  size_t i = 0;
+  for (; i + lanes <= n; i += lanes) bits = hn::Or(bits, hn::LoadU(d, words + i));
+  uint32_t all = 0;
+  for (; i < n; ++i) all |= words[i];
+  // (No OR reduction in this Highway: the lanes are ORed through a store.)
+  HWY_ALIGN uint32_t lanesOut[hn::MaxLanes(d)];
+  hn::Store(bits, d, lanesOut);
+  for (size_t k = 0; k < lanes; ++k) all |= lanesOut[k];
+  return all;
+}
+
 // Clipping in int32 lanes (counts below 2^22, see CLAHE::clipHistogram): the excess over
 // the limit, then the cut and the equal share, returning what the share handed out.
 int32_t ExcessOver(int32_t const* h, size_t n, int32_t limit) {
@@ -386,8 +413,16 @@ HWY_EXPORT(InterpolateRow40);
 HWY_EXPORT(ExtractBins);
 HWY_EXPORT(InterpolateRowBytes);
 HWY_EXPORT(ByteTablesPreferred);
+HWY_EXPORT(NarrowToBytes);
+HWY_EXPORT(OrAll);
 HWY_EXPORT(ExcessOver);
 HWY_EXPORT(CutAndShare);
+
+void narrowToBytes(uint32_t const* words, uint8_t* bytes, size_t n) {
+  HWY_DYNAMIC_DISPATCH(NarrowToBytes)(words, bytes, n);
+}
+
+uint32_t orAll(uint32_t const* words, size_t n) { return HWY_DYNAMIC_DISPATCH(OrAll)(words, n); }
 
 int32_t excessOver(int32_t const* h, size_t n, int32_t limit) {
   return HWY_DYNAMIC_DISPATCH(ExcessOver)(h, n, limit);

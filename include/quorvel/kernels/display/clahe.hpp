@@ -150,6 +150,10 @@ void interpolateRowBytesScalar(int16_t* samples, size_t count, size_t firstColum
 /// Whether interpolateRowBytes beats the gathers of interpolateRow40 on this processor.
 bool byteTablesPreferred();
 
+/// bytes[i] = min(words[i], 255) for i < n, and the OR of n words (vectorised).
+void narrowToBytes(uint32_t const* words, uint8_t* bytes, size_t n);
+uint32_t orAll(uint32_t const* words, size_t n);
+
 /// The bin of `count` samples samples[i * 3] for 256 bins over 0..255: the sample clamped
 /// to [0, 255]. Vectorised; equal to the scalar form.
 void extractBins(int16_t const* samples, uint8_t* bins, size_t count);
