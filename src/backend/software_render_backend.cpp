@@ -479,6 +479,8 @@ void SoftwareRenderBackendInstance::executeFilter(
   RenderJob job;
   job.kind = RenderJob::kFilter;
   job.filter = std::move(kernel);
+  job.inputRects.reserve(sources.size());
+  job.sources.reserve(sources.size());
   for (auto const& source : sources) {
     auto proxy = requireTarget(source.target, kExecuteFilter);
     if (source.whole) {
