@@ -1,5 +1,7 @@
 #include "backend/renderer.hpp"
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "quorvel/context/render_context.hpp"
@@ -172,10 +174,48 @@ void JobRenderer::executeJob(RenderJob& job) {
   }
 }
 
-void JobRenderer::runBatch(RenderJobList& batch, JobRenderer& renderer) {
-  while (!batch.empty()) {
-    RenderJob job = std::move(batch.front());
-    batch.pop_front();
+RenderJob JobPool::take() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (spare_.empty()) return RenderJob{};
+  RenderJob job = std::move(spare_.back());
+  spare_.pop_back();
+  return job;
+}
+
+RenderJobList JobPool::takeList() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (spareLists_.empty()) return RenderJobList{};
+  RenderJobList list = std::move(spareLists_.back());
+  spareLists_.pop_back();
+  return list;
+}
+
+void JobPool::strip(RenderJob& job) {
+  job.kind = RenderJob::kFilter;
+  job.color.clear();
+  std::fill(std::begin(job.rect), std::end(job.rect), 0);
+  job.filter.reset();
+  job.sources.clear();
+  job.targets.clear();
+  job.params.reset();
+}
+
+void JobPool::give(RenderJobList& batch) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (RenderJob& job : batch) {
+      if (spare_.size() >= kMaxSpareJobs) break;
+      spare_.push_back(std::move(job));
+    }
+    batch.clear();
+    if (spareLists_.size() < kMaxSpareLists) spareLists_.push_back(std::move(batch));
+  }
+  batch.clear();
+}
+
+void JobRenderer::runBatch(RenderJobList& batch, JobRenderer& renderer, JobPool* pool) {
+  // In order, one job after the other; a job's references are dropped as soon as it is done.
+  for (RenderJob& job : batch) {
     std::exception_ptr failure;
     try {
       renderer.executeJob(job);
@@ -189,6 +229,12 @@ void JobRenderer::runBatch(RenderJobList& batch, JobRenderer& renderer) {
     } else if (failure) {
       for (auto const& target : job.targets) target->fail(failure);
     }
+    JobPool::strip(job);
+  }
+  if (pool != nullptr) {
+    pool->give(batch);
+  } else {
+    batch.clear();
   }
 }
 
@@ -275,7 +321,10 @@ void Renderer::submit(RenderJob&& job) {
     }
   }
   std::lock_guard<std::mutex> lock(batchMutex_);
-  RenderJobList& batch = batches_[std::this_thread::get_id()];
+  auto it = batches_.find(std::this_thread::get_id());
+  if (it == batches_.end())
+    it = batches_.emplace(std::this_thread::get_id(), jobs_.takeList()).first;
+  RenderJobList& batch = it->second;
   for (auto& allocation : allocations) batch.push_back(std::move(allocation));
   batch.push_back(std::move(job));
 }
@@ -290,7 +339,9 @@ void Renderer::flush() {
     batches_.erase(it);
   }
   if (batch.empty()) return;
-  queue_(std::move(batch), &JobRenderer::runBatch);
+  queue_(std::move(batch), [this](RenderJobList& jobs, JobRenderer& renderer) {
+    JobRenderer::runBatch(jobs, renderer, &jobs_);
+  });
 }
 
 }  // namespace quorvel

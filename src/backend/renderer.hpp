@@ -11,7 +11,6 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <exception>
 #include <map>
 #include <memory>
@@ -95,15 +94,42 @@ struct RenderJob {
   std::shared_ptr<SingleFilterParameters const> params;
 };
 
-using RenderJobList = std::deque<RenderJob>;
+using RenderJobList = std::vector<RenderJob>;
+
+/// Finished jobs and batches kept for the storage of their lists. Jobs and batches are built
+/// on the host's thread and finished on a worker; destroyed there, each of their small
+/// allocations would be freed on another thread than the one that made it, which the
+/// default heap serves slowly and under a lock. Recycled, they stay allocated. Thread-safe.
+class JobPool {
+ public:
+  /// A job that refers to nothing, its lists empty but with their capacity (the rectangle
+  /// lists may still hold rectangles of an earlier use), or a new job when none is spare.
+  RenderJob take();
+  /// An empty batch, with the capacity of a finished one where one is spare.
+  RenderJobList takeList();
+  /// Drops the references a finished job holds (kernel, buffers, parameters), keeping the
+  /// storage of its lists.
+  static void strip(RenderJob& job);
+  /// Keeps the stripped jobs of a finished batch and the batch's own storage for take() and
+  /// takeList(), up to a bound; `batch` is left empty.
+  void give(RenderJobList& batch);
+
+ private:
+  static constexpr size_t kMaxSpareJobs = 1024;
+  static constexpr size_t kMaxSpareLists = 64;
+  std::mutex mutex_;
+  std::vector<RenderJob> spare_;
+  std::vector<RenderJobList> spareLists_;
+};
 
 /// Runs jobs on one worker thread; one per worker.
 class JobRenderer {
  public:
   /// Runs one job; throws what the job throws.
   void executeJob(RenderJob& job);
-  /// Runs a whole batch in order, recording each job's failure in its targets.
-  static void runBatch(RenderJobList& batch, JobRenderer& renderer);
+  /// Runs a whole batch in order, recording each job's failure in its targets, and leaves it
+  /// empty; with a pool, the finished jobs and the batch's storage go back to it.
+  static void runBatch(RenderJobList& batch, JobRenderer& renderer, JobPool* pool = nullptr);
 };
 
 /// Owns the render targets and the worker pool shared by all instances of one backend.
@@ -130,6 +156,8 @@ class Renderer {
   void submit(RenderJob&& job);
   /// Pushes the calling thread's batch to the work queue; nothing when it is empty.
   void flush();
+  /// An empty job for submit(), reusing the storage of a finished one (see JobPool).
+  RenderJob newJob() { return jobs_.take(); }
   size_t freeSlots() const { return queue_.freeSlots(); }
 
  private:
@@ -138,6 +166,7 @@ class Renderer {
   std::set<size_t> freeIds_;
   std::mutex batchMutex_;
   std::map<std::thread::id, RenderJobList> batches_;
+  JobPool jobs_;
   // Declared last so it is destroyed first: its destructor drains the queued batches while
   // everything they refer to is still alive.
   ParallelWorkQueue<RenderJobList, JobRenderer, 16> queue_;

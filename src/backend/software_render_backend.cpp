@@ -470,28 +470,30 @@ void SoftwareRenderBackendInstance::executeFilter(
   uint64_t const left = kernel->invalidLeft(), right = kernel->invalidRight();
   uint64_t const top = kernel->invalidTop(), bottom = kernel->invalidBottom();
   uint64_t const offX = offset.size() > 0 ? offset[0] : 0, offY = offset.size() > 1 ? offset[1] : 0;
-  // The left and top clips move the origin but do not shorten the rectangle; only the right
-  // and bottom clips do. Hosts rely on this pairing.
-  std::vector<int> outputRect = {wrap32(offX - left - clipLeft), wrap32(offY - top - clipTop),
-                                 wrap32(outW - left - right - clipRight),
-                                 wrap32(outH - top - bottom - clipBottom)};
-
-  RenderJob job;
+  // A recycled job keeps the storage of its lists; the rectangles are written into it.
+  RenderJob job = renderer_->newJob();
   job.kind = RenderJob::kFilter;
   job.filter = std::move(kernel);
-  job.inputRects.reserve(sources.size());
+  job.inputRects.resize(sources.size());
   job.sources.reserve(sources.size());
-  for (auto const& source : sources) {
+  for (size_t i = 0; i < sources.size(); ++i) {
+    FilterSource const& source = sources[i];
     auto proxy = requireTarget(source.target, kExecuteFilter);
     if (source.whole) {
-      job.inputRects.push_back(proxy->buffer()->rect());
+      std::vector<int> const whole = proxy->buffer()->rect();
+      job.inputRects[i].assign(whole.begin(), whole.end());
     } else {
-      job.inputRects.push_back(
+      job.inputRects[i].assign(
           {wrap32(source.x), wrap32(source.y), wrap32(inputW), wrap32(inputH)});
     }
     job.sources.push_back(std::move(proxy));
   }
-  job.outputRects.push_back(std::move(outputRect));
+  // The left and top clips move the origin but do not shorten the rectangle; only the right
+  // and bottom clips do. Hosts rely on this pairing.
+  job.outputRects.resize(1);
+  job.outputRects[0].assign({wrap32(offX - left - clipLeft), wrap32(offY - top - clipTop),
+                             wrap32(outW - left - right - clipRight),
+                             wrap32(outH - top - bottom - clipBottom)});
   job.targets.push_back(std::move(target));
   // The shared empty set lives for the whole program; anything else is copied so that the
   // caller's object may go away before a worker runs the job.
@@ -536,7 +538,7 @@ void SoftwareRenderBackendInstance::drawTiles(size_t target, Filter const& tileS
     for (size_t i = 0; i < blocks.size(); ++i) {
       int32_t const x = wrap32(blockCoords[i][0] * tileSize[0] + baseX);
       int32_t const y = wrap32(blockCoords[i][1] * tileSize[1] + baseY);
-      RenderJob job;
+      RenderJob job = renderer_->newJob();
       job.targets.push_back(proxy);
       auto const* tile = tileCache_->map.touch({id_, blocks[i]});
       if (tile == nullptr || !*tile) {
@@ -544,13 +546,18 @@ void SoftwareRenderBackendInstance::drawTiles(size_t target, Filter const& tileS
         job.kind = RenderJob::kClear;
         job.color = {0};
         job.rect[0] = x, job.rect[1] = y, job.rect[2] = tileW, job.rect[3] = tileH;
+        job.inputRects.clear();
+        job.outputRects.clear();
       } else {
         job.kind = RenderJob::kFilter;
         job.filter = kernel;
         std::shared_ptr<Buffer2D> const& buffer = *tile;
-        job.inputRects.push_back(buffer->rect());
+        std::vector<int> const whole = buffer->rect();
+        job.inputRects.resize(1);
+        job.inputRects[0].assign(whole.begin(), whole.end());
         job.sources.push_back(std::make_shared<BufferProxy>(buffer, blocks[i], true));
-        job.outputRects.push_back({x, y, tileW, tileH});
+        job.outputRects.resize(1);
+        job.outputRects[0].assign({x, y, tileW, tileH});
       }
       jobs.push_back(std::move(job));
     }

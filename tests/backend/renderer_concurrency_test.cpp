@@ -92,6 +92,53 @@ TEST(Renderer, WaitersWakeWhenTheLastJobFinishes) {
   EXPECT_TRUE(proxy->ready());
 }
 
+// Writes 1 into its whole target.
+class FillKernel : public SoftwareFilter {
+ public:
+  FillKernel() : SoftwareFilter(pointFilter("Fill")) {}
+  void apply(std::vector<std::shared_ptr<Buffer2D>> const&, std::vector<std::vector<int>> const&,
+             std::vector<std::shared_ptr<Buffer2D>> const& outputs,
+             std::vector<std::vector<int>> const&, SingleFilterParameters const&) override {
+    Buffer2DVector<uint8_t>::cast(outputs[0])->clear(1);
+  }
+};
+
+TEST(Renderer, FinishedJobsComeBackWithoutTheirReferences) {
+  SoftwareRenderContext context(2, 2, 1);
+  Renderer renderer(context, 1);
+  size_t const id = renderer.addTarget(std::make_shared<Buffer2DVector<uint8_t>>(4, 4, false));
+  auto proxy = renderer.getTarget(id);
+  auto kernel = std::make_shared<FillKernel>();
+  auto params = std::make_shared<FilterClaheParams>();
+  for (int round = 0; round < 3; ++round) {
+    RenderJob job = renderer.newJob();
+    job.filter = kernel;
+    job.params = params;
+    job.inputRects.resize(1);
+    job.inputRects[0].assign({0, 0, 4, 4});
+    job.sources = {proxy};
+    job.outputRects.resize(1);
+    job.outputRects[0].assign({0, 0, 4, 4});
+    job.targets = {proxy};
+    renderer.submit(std::move(job));
+    renderer.flush();
+    proxy->wait();
+    EXPECT_EQ(Buffer2DVector<uint8_t>::cast(proxy->buffer())->data()[15], 1);
+  }
+  // The worker drops a job's references once it has run; the storage comes back.
+  for (int spins = 0; spins < 1000 && (kernel.use_count() > 1 || params.use_count() > 1); ++spins)
+    std::this_thread::yield();
+  EXPECT_EQ(kernel.use_count(), 1);
+  EXPECT_EQ(params.use_count(), 1);
+  RenderJob recycled = renderer.newJob();
+  EXPECT_EQ(recycled.kind, RenderJob::kFilter);
+  EXPECT_EQ(recycled.filter, nullptr);
+  EXPECT_EQ(recycled.params, nullptr);
+  EXPECT_TRUE(recycled.sources.empty());
+  EXPECT_TRUE(recycled.targets.empty());
+  EXPECT_TRUE(recycled.color.empty());
+}
+
 TEST(BackendConcurrency, HostThreadsWithSeparateInstancesShareOneBackend) {
   SoftwareRenderContext context(4, 4, 2);
   SoftwareRenderBackend backend(Format::kRgba8, 1 << 20);
