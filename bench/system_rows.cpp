@@ -1,6 +1,7 @@
 // Whole-path and throughput rows: a draw sequence of coefficient tiles through the backend
-// with one and with two workers (timed side by side), and Google Benchmark runs of the work
-// queue alone, the LRU map at a million entries and envelope queries at growing counts.
+// with one and with two workers (timed side by side), what handing a tile's working set
+// between two threads costs on this machine, and Google Benchmark runs of the work queue
+// alone, the LRU map at a million entries and envelope queries at growing counts.
 
 #include "system_rows.hpp"
 
@@ -14,6 +15,7 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -240,6 +242,78 @@ std::vector<Row> wholePathRows(Settings const& settings) {
 }
 
 // ---------------------------------------------------------------------------------------
+// Working sets handed between threads
+// ---------------------------------------------------------------------------------------
+
+constexpr size_t kHandoffBytes = size_t{1} << 20;  // each of a set's two buffers
+constexpr size_t kHandoffTiles = 600;
+
+/// A set of targets as a tile of the demo's render uses them: 2 MiB written and read again.
+struct WorkingSet {
+  std::vector<uint8_t> a = std::vector<uint8_t>(kHandoffBytes), b = a;
+  std::mutex busy;
+  uint64_t tile(uint8_t value) {
+    std::memset(a.data(), value, a.size());
+    std::memcpy(b.data(), a.data(), a.size());
+    std::memcpy(a.data(), b.data(), a.size());
+    uint64_t sum = 0;
+    for (size_t i = 0; i < a.size(); i += 64) sum += a[i];
+    return sum;
+  }
+};
+
+/// Runs kHandoffTiles tiles on `threads` threads, each tile on the next of three shared
+/// working sets (as the render's slots are used by whichever worker takes a tile) or, with
+/// `own`, on a set each thread keeps.
+void handOff(std::array<WorkingSet, 3>& sets, size_t threads, bool own) {
+  std::atomic<size_t> next{0};
+  std::atomic<uint64_t> sink{0};
+  std::vector<std::thread> pool;
+  for (size_t t = 0; t < threads; ++t) {
+    pool.emplace_back([&, t] {
+      uint64_t sum = 0;
+      for (size_t k; (k = next.fetch_add(1)) < kHandoffTiles;) {
+        WorkingSet& set = sets[own ? t : k % sets.size()];
+        std::lock_guard<std::mutex> lock(set.busy);
+        sum += set.tile(static_cast<uint8_t>(k));
+      }
+      sink += sum;
+    });
+  }
+  for (auto& thread : pool) thread.join();
+  benchmark::DoNotOptimize(sink.load());
+}
+
+std::vector<Row> handoffRows(Settings const& settings) {
+  auto sets = std::make_unique<std::array<WorkingSet, 3>>();
+  Settings wall = settings;
+  wall.timing = Timing::kWall;
+  std::vector<double> const t =
+      medianSecondsSideBySide({[&] { handOff(*sets, 1, false); }, [&] { handOff(*sets, 2, false); },
+                               [&] { handOff(*sets, 2, true); }},
+                              wall);
+  char const* const notes[] = {"three sets, round robin",
+                               "each tile on the next of three shared sets",
+                               "each thread on a set of its own"};
+  std::vector<Row> rows;
+  for (size_t i = 0; i < 3; ++i) {
+    Row row;
+    row.operation = "Tiles of 2 MiB working sets: write, copy twice, read";
+    row.size = std::to_string(kHandoffTiles) + " tiles";
+    row.threads = i == 0 ? "1" : "2";
+    row.note = rateText(double(kHandoffTiles) / t[i], "tiles");
+    row.note += std::string("; ") + notes[i];
+    if (i > 0) {
+      char scaling[64];
+      std::snprintf(scaling, sizeof scaling, "; scaling %.2fx over 1 thread", t[0] / t[i]);
+      row.note += scaling;
+    }
+    rows.push_back(row);
+  }
+  return rows;
+}
+
+// ---------------------------------------------------------------------------------------
 // Throughput rows (Google Benchmark)
 // ---------------------------------------------------------------------------------------
 
@@ -371,6 +445,7 @@ Row throughputRow(std::string const& benchmarkName, std::string operation, std::
 
 void registerSystemRows(Registry& registry) {
   registry.addCustom("WholePath/64x256x256", wholePathRows);
+  registry.addCustom("Handoff/2MiB", handoffRows);
 
   for (size_t workers : {size_t{1}, size_t{2}}) {
     std::string const name = "WorkQueue/emptyBatches/" + std::to_string(workers);
