@@ -174,20 +174,27 @@ void JobRenderer::executeJob(RenderJob& job) {
   }
 }
 
+namespace {
+
+// The last spare item, or a new one when none is spare.
+template <class T>
+T popOrNew(std::vector<T>& spare) {
+  if (spare.empty()) return T{};
+  T item = std::move(spare.back());
+  spare.pop_back();
+  return item;
+}
+
+}  // namespace
+
 RenderJob JobPool::take() {
   std::lock_guard<std::mutex> lock(mutex_);
-  if (spare_.empty()) return RenderJob{};
-  RenderJob job = std::move(spare_.back());
-  spare_.pop_back();
-  return job;
+  return popOrNew(spare_);
 }
 
 RenderJobList JobPool::takeList() {
   std::lock_guard<std::mutex> lock(mutex_);
-  if (spareLists_.empty()) return RenderJobList{};
-  RenderJobList list = std::move(spareLists_.back());
-  spareLists_.pop_back();
-  return list;
+  return popOrNew(spareLists_);
 }
 
 void JobPool::strip(RenderJob& job) {
@@ -201,16 +208,14 @@ void JobPool::strip(RenderJob& job) {
 }
 
 void JobPool::give(RenderJobList& batch) {
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (RenderJob& job : batch) {
-      if (spare_.size() >= kMaxSpareJobs) break;
-      spare_.push_back(std::move(job));
-    }
-    batch.clear();
-    if (spareLists_.size() < kMaxSpareLists) spareLists_.push_back(std::move(batch));
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (RenderJob& job : batch) {
+    if (spare_.size() >= kMaxSpareJobs) break;
+    spare_.push_back(std::move(job));
   }
   batch.clear();
+  if (spareLists_.size() < kMaxSpareLists) spareLists_.push_back(std::move(batch));
+  batch.clear();  // a moved-from vector is left valid but unspecified
 }
 
 void JobRenderer::runBatch(RenderJobList& batch, JobRenderer& renderer, JobPool* pool) {
