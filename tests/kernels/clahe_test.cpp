@@ -222,43 +222,86 @@ TEST_F(ClaheFilter, CopiesChannelsTwoAndThreeBitForBit) {
   EXPECT_TRUE(changed);
 }
 
+// Runs the filter from `in` of a w x h source to `out` of a tw x th target filled with a
+// sentinel, and checks both against the reference: the source equalised from the tile that
+// the rectangles select, and the target holding the flat copy of it. The expected copy
+// clips the output to the target, moves the input by what the output lost (as
+// getValidRects does), then copies flat source indices, skipping negative row starts.
+void expectEqualisedCopy(SoftwareFilterCLAHE& filter, std::vector<int16_t> const& original, int w,
+                         int h, Rect const& in, Rect const& out, int tw, int th) {
+  RgbS16 const sentinel{{-7, -7, -7}};
+  auto source = makeImage(w, h, original);
+  auto target = std::make_shared<Buffer2DVector<RgbS16>>(tw, th, true);
+  target->clear(sentinel);
+  filter.apply({source}, {in}, {target}, {out}, clahe(1.5));
+  int const ox = std::max(out[0], 0), oy = std::max(out[1], 0);
+  int const ow = std::min(out[0] + out[2], tw) - ox;
+  int const oh = std::min(out[1] + out[3], th) - oy;
+  int const ix = std::max(in[0], ox - out[0]), iy = std::max(in[1], oy - out[1]);
+  std::vector<int16_t> want = original;
+  if (w > 40 && h > 40) {
+    auto skip = [](int o, int i) { return static_cast<uint32_t>(std::abs(o) - i) >= 40 ? 40 : 0; };
+    refClahe(want, w, h, 1.5, skip(oy, iy), skip(ox, ix));
+  }
+  SCOPED_TRACE(::testing::Message() << "in " << in[0] << ", " << in[1] << " out " << out[0] << ", "
+                                    << out[1] << " into " << tw << " x " << th);
+  ASSERT_EQ(samplesOf(*source), want);
+  for (int y = 0; y < th; ++y) {
+    for (int x = 0; x < tw; ++x) {
+      RgbS16 expected = sentinel;
+      if (x >= ox && x < ox + ow && y >= oy && y < oy + oh) {
+        int64_t const rowStart = int64_t{iy + y - oy} * w + ix;
+        int64_t const index = rowStart + x - ox;
+        if (rowStart >= 0 && index < int64_t{w} * h) {
+          expected = {{want[3 * index], want[3 * index + 1], want[3 * index + 2]}};
+        }
+      }
+      ASSERT_EQ(target->data()[y * tw + x], expected) << "pixel " << x << ", " << y;
+    }
+  }
+}
+
 TEST_F(ClaheFilter, CopiesOnlyWhatTheBuffersHold) {
   // Source of 30 x 20 (too small to equalise), so the copy alone is visible.
   std::vector<int16_t> original(3 * 30 * 20);
   for (size_t i = 0; i < original.size(); ++i) original[i] = static_cast<int16_t>(i);
-  RgbS16 const sentinel{{-7, -7, -7}};
+  for (auto [in, out] : {std::pair<Rect, Rect>{{0, 0, 30, 20}, {5, 3, 100, 100}},
+                         {{-4, -2, 30, 20}, {0, 0, 30, 20}},
+                         {{25, 17, 30, 20}, {0, 0, 30, 20}},
+                         {{0, 0, 1000, 1000}, {-8, -9, 1000, 1000}}}) {
+    expectEqualisedCopy(filter_, original, 30, 20, in, out, 30, 20);
+  }
+}
+
+TEST_F(ClaheFilter, CopiesTheEqualisedRowsForAnyRectangles) {
+  // Whole equalised rows go to the target as they are finished; rows above the first
+  // equalised one, partial rows and rows that run into the next source row are copied
+  // afterwards. Every layout gives the same target.
+  std::mt19937 gen(12);
+  int const w = 123, h = 97;
+  std::vector<int16_t> const original = randomImage(w, h, gen);
   struct Case {
     Rect in, out;
+    int tw, th;
   };
-  Case const cases[] = {{{0, 0, 30, 20}, {5, 3, 100, 100}},
-                        {{-4, -2, 30, 20}, {0, 0, 30, 20}},
-                        {{25, 17, 30, 20}, {0, 0, 30, 20}},
-                        {{0, 0, 1000, 1000}, {-8, -9, 1000, 1000}}};
+  Case const cases[] = {
+      {{0, 0, w, h}, {0, 0, w, h}, w, h},             // whole rows, same layout
+      {{0, 10, w, h}, {7, 3, w, h}, 140, 90},         // whole rows into a wider target
+      {{0, 0, w, h}, {0, 45, w, h}, w, h},            // the first tile row is not equalised
+      {{40, 0, w - 40, h}, {0, 0, w - 40, h}, w, h},  // nor is the first tile column
+      {{3, 0, w - 3, h}, {0, 0, w - 3, h}, w, h},     // partial rows
+      {{5, -3, w, h}, {0, 0, w, h}, w, h},            // rows running into the next one
+      {{0, 50, w, h}, {0, 0, w, h}, w, h},            // past the end of the source
+  };
   for (Case const& c : cases) {
-    auto source = makeImage(30, 20, original);
-    auto target = std::make_shared<Buffer2DVector<RgbS16>>(30, 20, true);
-    target->clear(sentinel);
-    filter_.apply({source}, {c.in}, {target}, {c.out}, clahe(1.0));
-    // Expected: clip the output to the target, move the input by what the output lost (as
-    // getValidRects does), then copy flat source indices, skipping negative row starts.
-    int const ox = std::max(c.out[0], 0), oy = std::max(c.out[1], 0);
-    int const ow = std::min(c.out[0] + c.out[2], 30) - ox;
-    int const oh = std::min(c.out[1] + c.out[3], 20) - oy;
-    int const ix = std::max(c.in[0], ox - c.out[0]), iy = std::max(c.in[1], oy - c.out[1]);
-    for (int y = 0; y < 20; ++y) {
-      for (int x = 0; x < 30; ++x) {
-        RgbS16 want = sentinel;
-        if (x >= ox && x < ox + ow && y >= oy && y < oy + oh) {
-          int64_t const rowStart = int64_t{iy + y - oy} * 30 + ix;
-          int64_t const index = rowStart + x - ox;
-          if (rowStart >= 0 && index < 600) {
-            want = {{original[3 * index], original[3 * index + 1], original[3 * index + 2]}};
-          }
-        }
-        ASSERT_EQ(target->data()[y * 30 + x], want) << "pixel " << x << ", " << y;
-      }
-    }
+    expectEqualisedCopy(filter_, original, w, h, c.in, c.out, c.tw, c.th);
   }
+  // A target that is the source itself is written after the equalisation.
+  auto buffer = makeImage(w, h, original);
+  filter_.apply({buffer}, {{0, 0, w, h}}, {buffer}, {{0, 0, w, h}}, clahe(1.5));
+  std::vector<int16_t> want = original;
+  refClahe(want, w, h, 1.5, 0, 0);
+  EXPECT_EQ(samplesOf(*buffer), want);
 }
 
 TEST_F(ClaheFilter, RejectsParametersOfAnotherClass) {
@@ -434,13 +477,47 @@ TEST(Clahe, VectorRowKernelsMatchTheScalarFormsOnEveryTarget) {
       clahe_detail::interpolateRowBytesScalar(expected.data(), count, first, planes.data(),
                                               left16.data(), right16.data(), up, 40 - up);
       for (uint8_t const* given : std::array<uint8_t const*, 2>{nullptr, want.data()}) {
+        // With the bins given, the finished pixels are also copied out (and nothing more).
         got = samples;
+        std::vector<int16_t> copied(3 * count + 3, -9);
         clahe_detail::interpolateRowBytes(got.data(), given, count, first, planes.data(),
                                           left16.data(), right16.data(), up, 40 - up,
-                                          scratch.data());
+                                          scratch.data(), given ? copied.data() : nullptr);
         ASSERT_EQ(got, expected) << count << " from column " << first
                                  << (given ? " with bins" : "");
+        if (given) {
+          expected[3 * count] = expected[3 * count + 1] = expected[3 * count + 2] = -9;
+          ASSERT_EQ(copied, expected) << count << " from column " << first;
+          std::copy_n(samples.begin() + 3 * count, 3, expected.begin() + 3 * count);
+        }
       }
+    }
+  });
+}
+
+TEST(Clahe, TileMappingStepsMatchTheScalarFormsOnEveryTarget) {
+  // The fold of the four count sets and the cumulative levels, on histograms of 1600 counts
+  // spread from one bin to all of them.
+  std::mt19937 gen(13);
+  std::vector<uint32_t> levels(1601);
+  for (size_t i = 0; i < levels.size(); ++i) levels[i] = static_cast<uint32_t>(i * 255.0 / 1600);
+  quorvel::testing::forEachSimdTarget([&] {
+    for (int spread : {1, 3, 40, 256}) {
+      std::vector<uint16_t> counts(4 * 256, 0);
+      std::vector<uint32_t> want(256, 0);
+      for (int p = 0; p < 1600; ++p) {
+        size_t const bin = gen() % spread * (255 / std::max(1, spread - 1));
+        ++counts[p % 4 * 256 + bin];
+        ++want[bin];
+      }
+      std::vector<uint32_t> got(256, 7);
+      clahe_detail::foldCounts(counts.data(), got.data());
+      ASSERT_EQ(got, want) << spread;
+      ASSERT_EQ(counts, std::vector<uint16_t>(4 * 256, 0));
+      uint32_t sum = 0;
+      for (auto& w : want) w = levels[sum += w];
+      clahe_detail::cumulativeLevels(got.data(), levels.data(), 1600);
+      ASSERT_EQ(got, want) << spread;
     }
   });
 }
@@ -467,7 +544,15 @@ TEST(Clahe, BandedEqualisationEqualsTheTwoPasses) {
     });
     EXPECT_EQ(last, h);
     EXPECT_EQ(samples, want);
-    EXPECT_EQ(a.mappings, b.mappings);
+    // The banded run keeps the last two tile rows of mappings, tile row t in slot t % 2.
+    size_t const rowSize = a.tileCols * 256;
+    ASSERT_EQ(b.mappings.size(), std::min<size_t>(a.tileRows, 2) * rowSize);
+    for (size_t t = a.tileRows - b.mappings.size() / rowSize; t < a.tileRows; ++t) {
+      EXPECT_TRUE(std::equal(b.mappings.begin() + (t % 2) * rowSize,
+                             b.mappings.begin() + (t % 2 + 1) * rowSize,
+                             a.mappings.begin() + t * rowSize))
+          << "tile row " << t;
+    }
   }
 }
 

@@ -53,7 +53,7 @@ void extractBinsScalar(int16_t const* samples, uint8_t* bins, size_t count) {
 
 CLAHE::~CLAHE() = default;
 
-void CLAHE::configure(size_t imageHeight, size_t imageWidth, double limit) {
+void CLAHE::configure(size_t imageHeight, size_t imageWidth, double limit, bool sizeMappings) {
   tileSize = 40;
   numBins = 256;
   minValue = 0;
@@ -68,7 +68,11 @@ void CLAHE::configure(size_t imageHeight, size_t imageWidth, double limit) {
   size_t const levels = static_cast<size_t>(int64_t{maxValue} - minValue + 1);
   binLut.resize(levels);
   for (size_t i = 0; i < levels; ++i) binLut[i] = static_cast<int32_t>(i * numBins / levels);
-  mappings.assign(tileRows * tileCols * numBins, 0);
+  if (sizeMappings) {
+    mappings.assign(tileRows * tileCols * numBins, 0);
+  } else {
+    mappings.clear();
+  }
 }
 
 uint64_t CLAHE::clipHistogram(uint32_t* histogram, size_t pixelCount) const {
@@ -195,7 +199,7 @@ void CLAHE::countTileRow(int16_t const* samples, size_t tr, std::vector<uint32_t
     // of equal samples do not serialise on one counter.
     // The bins cover the whole width and stay in one of two slots, where the interpolation
     // of the same rows finds them again.
-    fastCounts.resize(4 * 256);
+    fastCounts.assign(4 * 256, 0);  // zeroed again by each fold
     bandBins_.resize(2 * tileSize * histWidth);
     rowBins = bandBins_.data() + tr % 2 * tileSize * histWidth;
     for (size_t r = rBegin; r < rEnd; ++r) {
@@ -238,7 +242,6 @@ void CLAHE::countTileRow(int16_t const* samples, size_t tr, std::vector<uint32_t
     }
     if (fast) {
       uint16_t* h = fastCounts.data();
-      std::fill_n(h, 4 * 256, uint16_t{0});
       size_t const n = cEnd - cBegin;
       for (size_t r = 0; r < bandRows; ++r) {
         uint8_t const* p = rowBins + r * histWidth + cBegin;
@@ -251,9 +254,7 @@ void CLAHE::countTileRow(int16_t const* samples, size_t tr, std::vector<uint32_t
         }
         for (; c < n; ++c, ++p) ++h[*p];
       }
-      for (size_t b = 0; b < 256; ++b) {
-        mapping[b] = uint32_t{h[b]} + h[256 + b] + h[512 + b] + h[768 + b];
-      }
+      clahe_detail::foldCounts(h, mapping);
     } else {
       uint32_t const* even = counts.data() + 2 * tc * numBins;
       for (size_t b = 0; b < numBins; ++b) mapping[b] = even[b] + even[numBins + b];
@@ -280,6 +281,11 @@ void CLAHE::countTileRow(int16_t const* samples, size_t tr, std::vector<uint32_t
     // (The table is read through a local pointer: the stores into the mapping could
     // otherwise alias the vector's own pointer and force a reload per bin.)
     uint32_t const* const levels = levels_.data();
+    if (numBins == 256 && pixels <= (size_t{1} << 22)) {
+      // Clipping never adds counts, so every running sum stays within the table.
+      clahe_detail::cumulativeLevels(mapping, levels, static_cast<uint32_t>(pixels));
+      continue;
+    }
     uint64_t sum = 0;
     for (size_t b = 0; b < numBins; ++b) {
       sum += mapping[b];
@@ -289,6 +295,7 @@ void CLAHE::countTileRow(int16_t const* samples, size_t tr, std::vector<uint32_t
 }
 
 void CLAHE::computeMappings(int16_t const* samples) {
+  mappingSlots_ = 0;
   if (mappings.size() != tileRows * tileCols * numBins) {
     mappings.assign(tileRows * tileCols * numBins, 0);
   }
@@ -370,7 +377,7 @@ void CLAHE::prepareInterpolation(PackedGrid& grid, size_t c0, size_t c1) const {
 }
 
 void CLAHE::interpolateRows(PackedGrid& grid, int16_t* samples, size_t r0, size_t c0, size_t r1,
-                            size_t c1) {
+                            size_t c1, RowCopy const& copy) {
   size_t const half = tileSize / 2;
   auto const isBytes = [&](size_t tr) {
     if (grid.rowIsBytes[tr] < 0) {
@@ -386,9 +393,9 @@ void CLAHE::interpolateRows(PackedGrid& grid, int16_t* samples, size_t r0, size_
     Block const rows = blockOf(i, tileSize, tileRows);
     size_t const end = std::min(r1, rows.start + rows.size);
     if (grid.usable && isBytes(rows.tileBefore) && isBytes(rows.tileAfter)) {
-      interpolatePacked(grid, samples, r, c0, end, c1);
+      interpolatePacked(grid, samples, r, c0, end, c1, copy);
     } else {
-      interpolateWide(samples, r, c0, end, c1);
+      interpolateWide(samples, r, c0, end, c1, copy);
     }
     r = end;
   }
@@ -410,11 +417,11 @@ void CLAHE::interpolate(int16_t* samples, size_t r0, size_t c0, size_t rowCount,
   binsBand_ = {kNoBand, kNoBand};
   PackedGrid grid;
   prepareInterpolation(grid, c0, c1);
-  interpolateRows(grid, samples, r0, c0, r1, c1);
+  interpolateRows(grid, samples, r0, c0, r1, c1, RowCopy{});
 }
 
 void CLAHE::equalize(int16_t* samples, size_t r0, size_t c0,
-                     std::function<void(size_t)> const& rowsDone) {
+                     std::function<void(size_t)> const& rowsDone, RowCopy const& copy) {
   bool const binsValid = std::all_of(binLut.begin(), binLut.end(), [&](int32_t b) {
     return b >= 0 && static_cast<size_t>(b) < numBins;
   });
@@ -423,12 +430,19 @@ void CLAHE::equalize(int16_t* samples, size_t r0, size_t c0,
       binLut.size() != static_cast<size_t>(int64_t{maxValue} - minValue + 1)) {
     computeMappings(samples);
     interpolate(samples, r0, c0, height - std::min(r0, height), width - std::min(c0, width));
+    for (size_t r = r0; r < height && c0 < width; ++r) {
+      if (int16_t* target = copy.target(r)) {
+        std::copy_n(samples + (r * stride + c0) * channels, (width - c0) * channels, target);
+      }
+    }
     rowsDone(height);
     return;
   }
-  if (mappings.size() != tileRows * tileCols * numBins) {
-    mappings.assign(tileRows * tileCols * numBins, 0);
-  }
+  // A tile row's mappings are last read by the block row that ends at the centre of the
+  // tile row below it, which is interpolated before that row is counted: two tile rows of
+  // mappings, a few hundred kilobytes that stay in cache, do for any height.
+  mappingSlots_ = std::min<size_t>(tileRows, 2);
+  mappings.resize(mappingSlots_ * tileCols * numBins);
   PackedGrid grid;
   prepareInterpolation(grid, c0, width);
   std::vector<uint32_t> counts;
@@ -441,15 +455,17 @@ void CLAHE::equalize(int16_t* samples, size_t r0, size_t c0,
     size_t const ready =
         tr + 1 == tileRows ? height : std::min(height, (tr + 1) * tileSize - tileSize / 2);
     if (next < ready) {
-      interpolateRows(grid, samples, next, c0, ready, width);
+      interpolateRows(grid, samples, next, c0, ready, width, copy);
       next = ready;
     }
     rowsDone(ready);
   }
+  // The slots no longer hold what interpolate() expects of the member.
+  mappingSlots_ = 0;
 }
 
 void CLAHE::interpolatePacked(PackedGrid& grid, int16_t* samples, size_t r0, size_t c0, size_t r1,
-                              size_t c1) {
+                              size_t c1, RowCopy const& copy) {
   constexpr size_t kTile = 40, kHalf = 20;
   size_t const levels = binLut.size();
   size_t const count = c1 - c0;
@@ -506,17 +522,19 @@ void CLAHE::interpolatePacked(PackedGrid& grid, int16_t* samples, size_t r0, siz
       clahe_detail::interpolateRowBytes(samples + (r * stride + c0) * channels, bins, count, c0,
                                         grid.byteTables.data(), grid.weightLeft16.data(),
                                         grid.weightRight16.data(), weightUp, y * scale,
-                                        grid.scratch.data());
+                                        grid.scratch.data(), copy.target(r));
       continue;
     }
-    clahe_detail::interpolateRow40(samples + (r * stride + c0) * channels, count, channels,
-                                   static_cast<int32_t>(levels - 1), grid.tables.data(),
-                                   grid.colBase.data(), grid.weightLeft.data(),
+    int16_t* row = samples + (r * stride + c0) * channels;
+    clahe_detail::interpolateRow40(row, count, channels, static_cast<int32_t>(levels - 1),
+                                   grid.tables.data(), grid.colBase.data(), grid.weightLeft.data(),
                                    grid.weightRight.data(), weightUp, y * scale);
+    if (int16_t* target = copy.target(r)) std::copy_n(row, count * channels, target);
   }
 }
 
-void CLAHE::interpolateWide(int16_t* samples, size_t r0, size_t c0, size_t r1, size_t c1) {
+void CLAHE::interpolateWide(int16_t* samples, size_t r0, size_t c0, size_t r1, size_t c1,
+                            RowCopy const& copy) {
   size_t const half = tileSize / 2;
   for (size_t r = r0; r < r1; ++r) {
     Block const rows = blockOf((r + half) / tileSize, tileSize, tileRows);
@@ -534,6 +552,9 @@ void CLAHE::interpolateWide(int16_t* samples, size_t r0, size_t c0, size_t r1, s
       uint64_t const num = (ul * (X - x) + ur * x) * (Y - y) + (ll * (X - x) + lr * x) * y;
       // Stored as 16 bits, as the rounded value of the mix.
       sample = static_cast<int16_t>(static_cast<uint16_t>((2 * num + X * Y) / (2 * X * Y)));
+    }
+    if (int16_t* target = copy.target(r)) {
+      std::copy_n(row + c0 * channels, (c1 - c0) * channels, target);
     }
   }
 }
@@ -596,7 +617,7 @@ void SoftwareFilterCLAHE::apply(std::vector<std::shared_ptr<Buffer2D>> const& in
 
   if (sourceH > 40 && sourceW > 40) {
     CLAHE clahe;
-    clahe.configure(sourceH, sourceW, limit);
+    clahe.configure(sourceH, sourceW, limit, false);
     // A destination that starts a tile or more into the source (or before it: the unsigned
     // difference wraps) skips equalising the first tile row / column.
     auto skip = [](int destination, int source) -> size_t {
@@ -613,6 +634,26 @@ void SoftwareFilterCLAHE::apply(std::vector<std::shared_ptr<Buffer2D>> const& in
     size_t const dstSize = target.width() * target.height() * sizeof(*dst);
     bool const overlap = std::less<char const*>()(srcBytes, dstBytes + dstSize) &&
                          std::less<char const*>()(dstBytes, srcBytes + srcSize);
+    if (!overlap && in[0] == static_cast<int64_t>(c0) &&
+        static_cast<int64_t>(out[2]) == static_cast<int64_t>(sourceW - c0)) {
+      // Each destination row is the whole equalised span of one source row: the rows
+      // above r0 are final already, and the equalisation writes every later row to the
+      // destination as it finishes it, from its registers.
+      copyRows(r0);
+      CLAHE::RowCopy copy;
+      int64_t const firstRow = in[1] + j;
+      if (copying && j < out[3] && firstRow >= 0 && firstRow < static_cast<int64_t>(sourceH)) {
+        copy.pixels = reinterpret_cast<int16_t*>(
+            dst + (out[1] + j) * static_cast<int64_t>(target.width()) + out[0]);
+        copy.stride = 3 * target.width();
+        copy.firstRow = static_cast<size_t>(firstRow);
+        copy.rows = static_cast<size_t>(
+            std::min<int64_t>(out[3] - j, static_cast<int64_t>(sourceH) - firstRow));
+      }
+      clahe.equalize(
+          samples, r0, c0, [](size_t) {}, copy);
+      return;
+    }
     clahe.equalize(samples, r0, c0, [&](size_t rows) {
       if (!overlap) copyRows(rows);
     });

@@ -90,8 +90,9 @@ namespace hn = hwy::HWY_NAMESPACE;
 
 #if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
 // GCC 12 reports the deliberately undefined pass-through operands inside the AVX-512
-// intrinsics as maybe uninitialised once they are inlined here.
+// intrinsics as (maybe) uninitialised once they are inlined here.
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#pragma GCC diagnostic ignored "-Wuninitialized"
 
 // Channel 0 of 32 pixels (three vectors of samples) as 32 words in pixel order.
 HWY_INLINE __m512i Channel0(__m512i v0, __m512i v1, __m512i v2, __m512i first, __m512i third) {
@@ -179,10 +180,12 @@ HWY_INLINE void LookUpBlocks(uint8_t const* bins, size_t count, size_t firstColu
 
 // 32 pixels at a time from the looked-up planes: the column mixes in 16-bit lanes (at most
 // 255 * 40), the row mix by pairwise multiply-add of interleaved top and bottom words, and
-// the packing undoes the interleave, so the results come out in pixel order.
+// the packing undoes the interleave, so the results come out in pixel order. The finished
+// pixels are also stored to `copy` when it is set, straight from the registers.
+template <bool kCopy>
 HWY_INLINE size_t MixPlanes32(int16_t* samples, size_t count, uint8_t const* planes,
                               uint16_t const* weightLeft, uint16_t const* weightRight,
-                              int32_t weightUp, int32_t weightDown) {
+                              int32_t weightUp, int32_t weightDown, int16_t* copy) {
   using namespace clahe_detail;
   __m512i insert[3];
   for (int k = 0; k < 3; ++k) insert[k] = _mm512_load_si512(kReinsertNaturalIndex[k].lanes);
@@ -208,9 +211,10 @@ HWY_INLINE size_t MixPlanes32(int16_t* samples, size_t count, uint8_t const* pla
     __m512i const value = _mm512_srli_epi16(_mm512_mulhi_epu16(packed, by25), 1);
     int16_t* p = samples + 3 * i;
     for (int k = 0; k < 3; ++k) {
-      __m512i const v = _mm512_loadu_si512(p + 32 * k);
-      _mm512_storeu_si512(p + 32 * k,
-                          _mm512_mask_permutexvar_epi16(v, kReinsertMask[k], insert[k], value));
+      __m512i const v = _mm512_mask_permutexvar_epi16(_mm512_loadu_si512(p + 32 * k),
+                                                      kReinsertMask[k], insert[k], value);
+      _mm512_storeu_si512(p + 32 * k, v);
+      if constexpr (kCopy) _mm512_storeu_si512(copy + 3 * i + 32 * k, v);
     }
   }
   return i;
@@ -225,7 +229,7 @@ void ExtractBins(int16_t const* samples, uint8_t* bins, size_t count);
 void InterpolateRowBytes(int16_t* samples, uint8_t const* bins, size_t count, size_t firstColumn,
                          uint8_t const* tables, uint16_t const* weightLeft,
                          uint16_t const* weightRight, int32_t weightUp, int32_t weightDown,
-                         uint8_t* scratch) {
+                         uint8_t* scratch, int16_t* copy) {
   size_t i = 0;
 #if HWY_TARGET == HWY_AVX3_DL
   if (count >= 32) {
@@ -235,7 +239,10 @@ void InterpolateRowBytes(int16_t* samples, uint8_t const* bins, size_t count, si
       bins = scratch;
     }
     LookUpBlocks(bins, count, firstColumn, tables, planes);
-    i = MixPlanes32(samples, count, planes, weightLeft, weightRight, weightUp, weightDown);
+    i = copy != nullptr ? MixPlanes32<true>(samples, count, planes, weightLeft, weightRight,
+                                            weightUp, weightDown, copy)
+                        : MixPlanes32<false>(samples, count, planes, weightLeft, weightRight,
+                                             weightUp, weightDown, nullptr);
   }
 #else
   (void)bins;
@@ -246,6 +253,7 @@ void InterpolateRowBytes(int16_t* samples, uint8_t const* bins, size_t count, si
     clahe_detail::interpolateRowBytesScalar(samples + 3 * i, count - i, firstColumn + i,
                                             tables + blockOffset, weightLeft + i, weightRight + i,
                                             weightUp, weightDown);
+    if (copy != nullptr) std::copy_n(samples + 3 * i, 3 * (count - i), copy + 3 * i);
   }
 }
 
@@ -362,6 +370,52 @@ uint32_t OrAll(uint32_t const* words, size_t n) {
   return all;
 }
 
+// The four interleaved 16-bit count sets of a tile summed into 32-bit bins; the sets are
+// left zeroed for the next tile.
+void FoldCounts(uint16_t* counts, uint32_t* histogram) {
+  const hn::ScalableTag<uint32_t> d;
+  const hn::Rebind<uint16_t, decltype(d)> d16;
+  size_t const lanes = hn::Lanes(d);
+  auto const zero = hn::Zero(d16);
+  for (size_t b = 0; b < 256; b += lanes) {
+    auto sum = hn::PromoteTo(d, hn::LoadU(d16, counts + b));
+    hn::StoreU(zero, d16, counts + b);
+    for (size_t set = 256; set < 1024; set += 256) {
+      sum = hn::Add(sum, hn::PromoteTo(d, hn::LoadU(d16, counts + set + b)));
+      hn::StoreU(zero, d16, counts + set + b);
+    }
+    hn::StoreU(sum, d, histogram + b);
+  }
+}
+
+// histogram[b] = levels[running sum of bins 0..b]: 16-lane prefix sums by lane shifts and
+// the level of each sum by a gather; elsewhere the scalar loop. The sums are clamped to
+// maxSum, which only keeps a read inside the table: the callers' totals never exceed it.
+void CumulativeLevels(uint32_t* histogram, uint32_t const* levels, uint32_t maxSum) {
+  size_t b = 0;
+  uint32_t carry = 0;
+#if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
+  __m512i const zero = _mm512_setzero_si512();
+  __m512i const last = _mm512_set1_epi32(15);
+  __m512i const top = _mm512_set1_epi32(static_cast<int32_t>(maxSum));
+  __m512i total = zero;
+  for (; b < 256; b += 16) {
+    __m512i x = _mm512_loadu_si512(histogram + b);
+    x = _mm512_add_epi32(x, _mm512_alignr_epi32(x, zero, 15));
+    x = _mm512_add_epi32(x, _mm512_alignr_epi32(x, zero, 14));
+    x = _mm512_add_epi32(x, _mm512_alignr_epi32(x, zero, 12));
+    x = _mm512_add_epi32(x, _mm512_alignr_epi32(x, zero, 8));
+    x = _mm512_add_epi32(x, total);
+    total = _mm512_permutexvar_epi32(last, x);
+    _mm512_storeu_si512(histogram + b, _mm512_i32gather_epi32(_mm512_min_epu32(x, top), levels, 4));
+  }
+#endif
+  for (; b < 256; ++b) {
+    carry += histogram[b];
+    histogram[b] = levels[std::min(carry, maxSum)];
+  }
+}
+
 // Clipping in int32 lanes (counts below 2^22, see CLAHE::clipHistogram): the excess over
 // the limit, then the cut and the equal share, returning what the share handed out.
 int32_t ExcessOver(int32_t const* h, size_t n, int32_t limit) {
@@ -417,6 +471,16 @@ HWY_EXPORT(NarrowToBytes);
 HWY_EXPORT(OrAll);
 HWY_EXPORT(ExcessOver);
 HWY_EXPORT(CutAndShare);
+HWY_EXPORT(FoldCounts);
+HWY_EXPORT(CumulativeLevels);
+
+void foldCounts(uint16_t* counts, uint32_t* histogram) {
+  HWY_DYNAMIC_DISPATCH(FoldCounts)(counts, histogram);
+}
+
+void cumulativeLevels(uint32_t* histogram, uint32_t const* levels, uint32_t maxSum) {
+  HWY_DYNAMIC_DISPATCH(CumulativeLevels)(histogram, levels, maxSum);
+}
 
 void narrowToBytes(uint32_t const* words, uint8_t* bytes, size_t n) {
   HWY_DYNAMIC_DISPATCH(NarrowToBytes)(words, bytes, n);
@@ -435,10 +499,10 @@ int32_t cutAndShare(int32_t* h, size_t n, int32_t limit, int32_t inc) {
 void interpolateRowBytes(int16_t* samples, uint8_t const* bins, size_t count, size_t firstColumn,
                          uint8_t const* tables, uint16_t const* weightLeft,
                          uint16_t const* weightRight, int32_t weightUp, int32_t weightDown,
-                         uint8_t* scratch) {
+                         uint8_t* scratch, int16_t* copy) {
   HWY_DYNAMIC_DISPATCH(InterpolateRowBytes)
   (samples, bins, count, firstColumn, tables, weightLeft, weightRight, weightUp, weightDown,
-   scratch);
+   scratch, copy);
 }
 
 bool byteTablesPreferred() { return HWY_DYNAMIC_DISPATCH(ByteTablesPreferred)(); }

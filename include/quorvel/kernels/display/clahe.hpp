@@ -21,6 +21,20 @@
 
 namespace quorvel {
 
+/// Where CLAHE::equalize() also writes the rows it equalises: row r in [firstRow, firstRow +
+/// rows), pixels [c0, width) with all their channels, goes to pixels + (r - firstRow) *
+/// stride samples. Writing each row while it is still in registers spares a copy pass over
+/// the whole image.
+struct ClaheRowCopy {
+  int16_t* pixels = nullptr;
+  size_t stride = 0;  ///< samples from one target row to the next
+  size_t firstRow = 0;
+  size_t rows = 0;
+  int16_t* target(size_t r) const {
+    return r - firstRow < rows ? pixels + (r - firstRow) * stride : nullptr;
+  }
+};
+
 /// The equalisation worker of one filter run. Samples are int16 values of interleaved pixels:
 /// the sample of pixel (row r, column c) is samples[(r * stride + c) * channels]; the other
 /// channels are never touched. Not thread-safe; one object per call.
@@ -31,8 +45,9 @@ class CLAHE {
 
   /// Sets the members for an image of height x width pixels of three channels: 40 x 40
   /// tiles, 256 bins over the grey levels 0..255, and the tile grid, bin table and mapping
-  /// storage that follow from them.
-  void configure(size_t imageHeight, size_t imageWidth, double limit);
+  /// storage that follow from them. Without `sizeMappings` the mapping storage is left
+  /// empty, for equalize(), which only ever holds two tile rows of it.
+  void configure(size_t imageHeight, size_t imageWidth, double limit, bool sizeMappings = true);
 
   /// Computes one mapping per tile from the samples (tile rows outer, columns inner).
   /// Requires configure() (or members set to the same effect).
@@ -43,12 +58,17 @@ class CLAHE {
   virtual void interpolate(int16_t* samples, size_t r0, size_t c0, size_t rowCount,
                            size_t colCount);
 
+  using RowCopy = ClaheRowCopy;
+
   /// computeMappings() followed by interpolate(samples, r0, c0, height - r0, width - c0),
   /// run one band of tile rows at a time so that each band is equalised while it is still in
-  /// cache. After each band `rowsDone(n)` is told that rows [0, n) hold their final values.
+  /// cache. After each band `rowsDone(n)` is told that rows [0, n) hold their final values;
+  /// the equalised rows that `copy` names are also written there. Only two tile rows of
+  /// mappings are kept at a time: afterwards `mappings` holds the last two (tile row t in
+  /// slot t % 2), unless the image has a single tile row.
   /// Requires configure() with histHeight == height and histWidth == width.
-  void equalize(int16_t* samples, size_t r0, size_t c0,
-                std::function<void(size_t)> const& rowsDone);
+  void equalize(int16_t* samples, size_t r0, size_t c0, std::function<void(size_t)> const& rowsDone,
+                RowCopy const& copy = {});
 
   /// Clips `histogram` (numBins bins of a tile of `pixelCount` pixels) and spreads the
   /// excess over the bins. Returns the limit used.
@@ -83,8 +103,11 @@ class CLAHE {
 
  private:
   uint32_t* tileMapping(size_t tileRow, size_t tileCol) {
-    return mappings.data() + (tileRow * tileCols + tileCol) * numBins;
+    size_t const slot = mappingSlots_ == 0 ? tileRow : tileRow % mappingSlots_;
+    return mappings.data() + (slot * tileCols + tileCol) * numBins;
   }
+  // Tile rows of mappings held (tile row t in slot t % mappingSlots_); 0: all of them.
+  size_t mappingSlots_ = 0;
   struct PackedGrid;
   // Mapping level of each cumulative count of a full tile, for the pixel count and grey
   // range in levelsFor_.
@@ -106,10 +129,11 @@ class CLAHE {
                     std::vector<uint16_t>& fastCounts);
   void prepareInterpolation(PackedGrid& grid, size_t c0, size_t c1) const;
   void interpolateRows(PackedGrid& grid, int16_t* samples, size_t r0, size_t c0, size_t r1,
-                       size_t c1);
+                       size_t c1, RowCopy const& copy);
   void interpolatePacked(PackedGrid& grid, int16_t* samples, size_t r0, size_t c0, size_t r1,
-                         size_t c1);
-  void interpolateWide(int16_t* samples, size_t r0, size_t c0, size_t r1, size_t c1);
+                         size_t c1, RowCopy const& copy);
+  void interpolateWide(int16_t* samples, size_t r0, size_t c0, size_t r1, size_t c1,
+                       RowCopy const& copy);
 };
 
 namespace clahe_detail {
@@ -138,12 +162,13 @@ void interpolateRow40Scalar(int16_t* samples, size_t count, size_t channels, int
 /// four mappings as planes of 256 bytes (UL, UR, LL, LR). Column i of the row is image
 /// column firstColumn + i; its sample is clamped to [0, 255] and mixed as in
 /// interpolateRow40. `bins` holds the clamped samples if the caller has them, else null;
-/// `scratch` holds 5 * count bytes. Vectorised where the processor can
+/// `scratch` holds 5 * count bytes. If `copy` is not null, the row's pixels as they end up
+/// (3 * count samples) are also written there. Vectorised where the processor can
 /// look bytes up by permutes (see byteTablesPreferred); equal to the scalar form.
 void interpolateRowBytes(int16_t* samples, uint8_t const* bins, size_t count, size_t firstColumn,
                          uint8_t const* tables, uint16_t const* weightLeft,
                          uint16_t const* weightRight, int32_t weightUp, int32_t weightDown,
-                         uint8_t* scratch);
+                         uint8_t* scratch, int16_t* copy = nullptr);
 void interpolateRowBytesScalar(int16_t* samples, size_t count, size_t firstColumn,
                                uint8_t const* tables, uint16_t const* weightLeft,
                                uint16_t const* weightRight, int32_t weightUp, int32_t weightDown);
@@ -164,6 +189,12 @@ void extractBins(int16_t const* samples, uint8_t* bins, size_t count);
 int32_t excessOver(int32_t const* h, size_t n, int32_t limit);
 int32_t cutAndShare(int32_t* h, size_t n, int32_t limit, int32_t inc);
 void extractBinsScalar(int16_t const* samples, uint8_t* bins, size_t count);
+
+/// histogram[b] = the sum of counts[s * 256 + b] over the four sets s; the sets are zeroed.
+void foldCounts(uint16_t* counts, uint32_t* histogram);
+/// Replaces each of 256 bins by levels[running sum of the bins up to it], for histograms
+/// whose total is at most maxSum, the last index of `levels` (vectorised).
+void cumulativeLevels(uint32_t* histogram, uint32_t const* levels, uint32_t maxSum);
 
 }  // namespace clahe_detail
 
