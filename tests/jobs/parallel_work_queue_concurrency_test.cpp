@@ -108,13 +108,17 @@ TEST(ParallelWorkQueue, ReportsAWorkerFailureOnceNestedAroundTheJobError) {
 
 TEST(ParallelWorkQueue, TwoFailuresBeforeAPushLeaveNothingPending) {
   Counter done;
-  Gate release;
+  Gate started, release;
   Queue queue(1);
-  auto fail = [&release](std::vector<int>&, Worker&) {
+  auto fail = [&started, &release](std::vector<int>&, Worker&) {
+    started.open();
     release.wait();
     throw std::runtime_error("x");
   };
+  // The worker takes the lowest busy slot, not the oldest job: only once it holds the first
+  // failure are the second one and the counting job queued in slots 0 and 1, in that order.
   queue({}, fail);
+  ASSERT_TRUE(started.wait());
   queue({}, fail);
   queue({}, count(done));
   release.open();
