@@ -377,7 +377,7 @@ void CLAHE::prepareInterpolation(PackedGrid& grid, size_t c0, size_t c1) const {
 }
 
 void CLAHE::interpolateRows(PackedGrid& grid, int16_t* samples, size_t r0, size_t c0, size_t r1,
-                            size_t c1, RowCopy const& copy) {
+                            size_t c1, ClaheRowCopy const& copy) {
   size_t const half = tileSize / 2;
   auto const isBytes = [&](size_t tr) {
     if (grid.rowIsBytes[tr] < 0) {
@@ -417,11 +417,11 @@ void CLAHE::interpolate(int16_t* samples, size_t r0, size_t c0, size_t rowCount,
   binsBand_ = {kNoBand, kNoBand};
   PackedGrid grid;
   prepareInterpolation(grid, c0, c1);
-  interpolateRows(grid, samples, r0, c0, r1, c1, RowCopy{});
+  interpolateRows(grid, samples, r0, c0, r1, c1, ClaheRowCopy{});
 }
 
 void CLAHE::equalize(int16_t* samples, size_t r0, size_t c0,
-                     std::function<void(size_t)> const& rowsDone, RowCopy const& copy) {
+                     std::function<void(size_t)> const& rowsDone, ClaheRowCopy const& copy) {
   bool const binsValid = std::all_of(binLut.begin(), binLut.end(), [&](int32_t b) {
     return b >= 0 && static_cast<size_t>(b) < numBins;
   });
@@ -430,11 +430,7 @@ void CLAHE::equalize(int16_t* samples, size_t r0, size_t c0,
       binLut.size() != static_cast<size_t>(int64_t{maxValue} - minValue + 1)) {
     computeMappings(samples);
     interpolate(samples, r0, c0, height - std::min(r0, height), width - std::min(c0, width));
-    for (size_t r = r0; r < height && c0 < width; ++r) {
-      if (int16_t* target = copy.target(r)) {
-        std::copy_n(samples + (r * stride + c0) * channels, (width - c0) * channels, target);
-      }
-    }
+    for (size_t r = r0; r < height && c0 < width; ++r) copyRow(copy, samples, r, c0, width);
     rowsDone(height);
     return;
   }
@@ -465,7 +461,7 @@ void CLAHE::equalize(int16_t* samples, size_t r0, size_t c0,
 }
 
 void CLAHE::interpolatePacked(PackedGrid& grid, int16_t* samples, size_t r0, size_t c0, size_t r1,
-                              size_t c1, RowCopy const& copy) {
+                              size_t c1, ClaheRowCopy const& copy) {
   constexpr size_t kTile = 40, kHalf = 20;
   size_t const levels = binLut.size();
   size_t const count = c1 - c0;
@@ -525,16 +521,16 @@ void CLAHE::interpolatePacked(PackedGrid& grid, int16_t* samples, size_t r0, siz
                                         grid.scratch.data(), copy.target(r));
       continue;
     }
-    int16_t* row = samples + (r * stride + c0) * channels;
-    clahe_detail::interpolateRow40(row, count, channels, static_cast<int32_t>(levels - 1),
-                                   grid.tables.data(), grid.colBase.data(), grid.weightLeft.data(),
+    clahe_detail::interpolateRow40(samples + (r * stride + c0) * channels, count, channels,
+                                   static_cast<int32_t>(levels - 1), grid.tables.data(),
+                                   grid.colBase.data(), grid.weightLeft.data(),
                                    grid.weightRight.data(), weightUp, y * scale);
-    if (int16_t* target = copy.target(r)) std::copy_n(row, count * channels, target);
+    copyRow(copy, samples, r, c0, c1);
   }
 }
 
 void CLAHE::interpolateWide(int16_t* samples, size_t r0, size_t c0, size_t r1, size_t c1,
-                            RowCopy const& copy) {
+                            ClaheRowCopy const& copy) {
   size_t const half = tileSize / 2;
   for (size_t r = r0; r < r1; ++r) {
     Block const rows = blockOf((r + half) / tileSize, tileSize, tileRows);
@@ -553,9 +549,14 @@ void CLAHE::interpolateWide(int16_t* samples, size_t r0, size_t c0, size_t r1, s
       // Stored as 16 bits, as the rounded value of the mix.
       sample = static_cast<int16_t>(static_cast<uint16_t>((2 * num + X * Y) / (2 * X * Y)));
     }
-    if (int16_t* target = copy.target(r)) {
-      std::copy_n(row + c0 * channels, (c1 - c0) * channels, target);
-    }
+    copyRow(copy, samples, r, c0, c1);
+  }
+}
+
+void CLAHE::copyRow(ClaheRowCopy const& copy, int16_t const* samples, size_t r, size_t c0,
+                    size_t c1) const {
+  if (int16_t* target = copy.target(r)) {
+    std::copy_n(samples + (r * stride + c0) * channels, (c1 - c0) * channels, target);
   }
 }
 
@@ -640,7 +641,7 @@ void SoftwareFilterCLAHE::apply(std::vector<std::shared_ptr<Buffer2D>> const& in
       // above r0 are final already, and the equalisation writes every later row to the
       // destination as it finishes it, from its registers.
       copyRows(r0);
-      CLAHE::RowCopy copy;
+      ClaheRowCopy copy;
       int64_t const firstRow = in[1] + j;
       if (copying && j < out[3] && firstRow >= 0 && firstRow < static_cast<int64_t>(sourceH)) {
         copy.pixels = reinterpret_cast<int16_t*>(

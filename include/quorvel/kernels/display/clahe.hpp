@@ -58,8 +58,6 @@ class CLAHE {
   virtual void interpolate(int16_t* samples, size_t r0, size_t c0, size_t rowCount,
                            size_t colCount);
 
-  using RowCopy = ClaheRowCopy;
-
   /// computeMappings() followed by interpolate(samples, r0, c0, height - r0, width - c0),
   /// run one band of tile rows at a time so that each band is equalised while it is still in
   /// cache. After each band `rowsDone(n)` is told that rows [0, n) hold their final values;
@@ -68,7 +66,7 @@ class CLAHE {
   /// slot t % 2), unless the image has a single tile row.
   /// Requires configure() with histHeight == height and histWidth == width.
   void equalize(int16_t* samples, size_t r0, size_t c0, std::function<void(size_t)> const& rowsDone,
-                RowCopy const& copy = {});
+                ClaheRowCopy const& copy = {});
 
   /// Clips `histogram` (numBins bins of a tile of `pixelCount` pixels) and spreads the
   /// excess over the bins. Returns the limit used.
@@ -129,11 +127,14 @@ class CLAHE {
                     std::vector<uint16_t>& fastCounts);
   void prepareInterpolation(PackedGrid& grid, size_t c0, size_t c1) const;
   void interpolateRows(PackedGrid& grid, int16_t* samples, size_t r0, size_t c0, size_t r1,
-                       size_t c1, RowCopy const& copy);
+                       size_t c1, ClaheRowCopy const& copy);
   void interpolatePacked(PackedGrid& grid, int16_t* samples, size_t r0, size_t c0, size_t r1,
-                         size_t c1, RowCopy const& copy);
+                         size_t c1, ClaheRowCopy const& copy);
   void interpolateWide(int16_t* samples, size_t r0, size_t c0, size_t r1, size_t c1,
-                       RowCopy const& copy);
+                       ClaheRowCopy const& copy);
+  // Copies columns [c0, c1) of row r, once final, where `copy` wants that row.
+  void copyRow(ClaheRowCopy const& copy, int16_t const* samples, size_t r, size_t c0,
+               size_t c1) const;
 };
 
 namespace clahe_detail {
