@@ -2,12 +2,55 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
+
+#if defined(__linux__)
+#include <sys/mman.h>
+#endif
+
+#include <tbb/scalable_allocator.h>
 
 #include "buffers/stream_copy.hpp"
 
 namespace quorvel {
 
 using namespace buffer_detail;
+
+#if !defined(QUORVEL_PLAIN_ALLOCATOR)
+namespace buffer_detail {
+
+namespace {
+constexpr size_t kHugePageAlignment = size_t{2} << 20;
+}  // namespace
+
+void* allocatePixelBytes(size_t bytes) {
+  if (bytes < kHugePageBytes) {
+    void* p = scalable_malloc(bytes);
+    if (!p) throw std::bad_alloc();
+    return p;
+  }
+  void* p = scalable_aligned_malloc(bytes, kHugePageAlignment);
+  if (!p) throw std::bad_alloc();
+#if defined(MADV_HUGEPAGE)
+  // Advice only: where transparent huge pages are off or unsupported the call fails and
+  // the block keeps ordinary pages. It must come before the first touch, which the
+  // container's zero-fill makes right after this returns.
+  size_t const page = 4096;
+  (void)madvise(p, (bytes + page - 1) / page * page, MADV_HUGEPAGE);
+#endif
+  return p;
+}
+
+void freePixelBytes(void* p, size_t bytes) noexcept {
+  if (bytes < kHugePageBytes) {
+    scalable_free(p);
+  } else {
+    scalable_aligned_free(p);
+  }
+}
+
+}  // namespace buffer_detail
+#endif
 
 template <class P>
 void Buffer2DVector<P>::setPixels(void const* buffer, size_t bufferSize, size_t byteOffset) {

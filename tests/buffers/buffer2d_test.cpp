@@ -48,6 +48,19 @@ TEST(Buffer2D, ResizeKeepsPixelsZeroFillsNewOnesAndFreesAtZero) {
   b.setPixels(src.data(), src.size(), 0);
   b.resize(3, 2);
   EXPECT_EQ(std::vector<uint8_t>(b.data(), b.data() + 6), (std::vector<uint8_t>{1, 2, 3, 4, 0, 0}));
+  // Growing past the huge-page size moves the pixels to a block of the other kind, and
+  // shrinking moves them back; each block must go back to the pool it came from.
+  size_t const big = 6 << 20;
+  b.resize(3, big / 3);
+  EXPECT_EQ(std::vector<uint8_t>(b.data(), b.data() + 7),
+            (std::vector<uint8_t>{1, 2, 3, 4, 0, 0, 0}));
+  EXPECT_EQ(b.data()[big - 1], 0);
+#if !defined(QUORVEL_PLAIN_ALLOCATOR)
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(b.data()) % (2 << 20), 0u);
+#endif
+  b.data()[5] = 6;
+  b.resize(3, 2);
+  EXPECT_EQ(std::vector<uint8_t>(b.data(), b.data() + 6), (std::vector<uint8_t>{1, 2, 3, 4, 0, 6}));
   b.resize(0, 0);
   EXPECT_EQ(b.data(), nullptr);
   EXPECT_EQ(b.pixelCount(), 0u);
