@@ -68,6 +68,7 @@ void CLAHE::configure(size_t imageHeight, size_t imageWidth, double limit, bool 
   size_t const levels = static_cast<size_t>(int64_t{maxValue} - minValue + 1);
   binLut.resize(levels);
   for (size_t i = 0; i < levels; ++i) binLut[i] = static_cast<int32_t>(i * numBins / levels);
+  binsBand_ = {kNoBand, kNoBand};
   if (sizeMappings) {
     mappings.assign(tileRows * tileCols * numBins, 0);
   } else {
@@ -263,33 +264,19 @@ void CLAHE::countTileRow(int16_t const* samples, size_t tr, std::vector<uint32_t
     size_t const pixels = (rEnd - rBegin) * (cEnd - cBegin);
     clipHistogram(mapping, pixels);
     if (!full) continue;  // a lone partial tile keeps its clipped histogram
-    // The cumulative histogram scaled to the grey range, truncated. Every full tile has the
-    // same pixel count and its running sum never exceeds it, so the levels of all sums are
-    // worked out once per run, by the same expression.
+    // The cumulative histogram scaled to the grey range, truncated.
     double const scale =
         static_cast<double>(int64_t{maxValue} - minValue) / static_cast<double>(pixels);
-    auto const levelOf = [&](uint64_t sum) {
-      auto const level = static_cast<int64_t>(static_cast<double>(sum) * scale + minValue);
-      return static_cast<uint32_t>(std::min<int64_t>(maxValue, level));
-    };
-    std::array<int64_t, 3> const key{static_cast<int64_t>(pixels), minValue, maxValue};
-    if (levelsFor_ != key) {
-      levels_.resize(pixels + 1);
-      for (size_t sum = 0; sum <= pixels; ++sum) levels_[sum] = levelOf(sum);
-      levelsFor_ = key;
-    }
-    // (The table is read through a local pointer: the stores into the mapping could
-    // otherwise alias the vector's own pointer and force a reload per bin.)
-    uint32_t const* const levels = levels_.data();
-    if (numBins == 256 && pixels <= (size_t{1} << 22)) {
-      // Clipping never adds counts, so every running sum stays within the table.
-      clahe_detail::cumulativeLevels(mapping, levels, static_cast<uint32_t>(pixels));
+    if (numBins == 256 && minValue == 0 && maxValue >= 0 && pixels <= (size_t{1} << 22)) {
+      // Clipping never adds counts: the running sums stay within 32 bits.
+      clahe_detail::cumulativeLevels(mapping, scale, static_cast<uint32_t>(maxValue));
       continue;
     }
     uint64_t sum = 0;
     for (size_t b = 0; b < numBins; ++b) {
       sum += mapping[b];
-      mapping[b] = sum <= pixels ? levels[sum] : levelOf(sum);
+      auto const level = static_cast<int64_t>(static_cast<double>(sum) * scale + minValue);
+      mapping[b] = static_cast<uint32_t>(std::min<int64_t>(maxValue, level));
     }
   }
 }
@@ -575,6 +562,10 @@ double SoftwareFilterCLAHE::effectiveClipLimit(double requested) {
   return static_cast<double>(narrowed);
 }
 
+namespace {
+constexpr size_t kReusedWidth = 16384;
+}  // namespace
+
 void SoftwareFilterCLAHE::apply(std::vector<std::shared_ptr<Buffer2D>> const& inputs,
                                 std::vector<std::vector<int>> const& inputRects,
                                 std::vector<std::shared_ptr<Buffer2D>> const& outputs,
@@ -617,7 +608,12 @@ void SoftwareFilterCLAHE::apply(std::vector<std::shared_ptr<Buffer2D>> const& in
   };
 
   if (sourceH > 40 && sourceW > 40) {
-    CLAHE clahe;
+    // The working rows and mappings (a few hundred kilobytes at 4096 wide) are kept per
+    // worker thread across calls: allocating them afresh cost page faults and zeroing on
+    // every call. Very wide sources get their own, so that no thread holds megabytes.
+    thread_local CLAHE reused;
+    CLAHE own;
+    CLAHE& clahe = sourceW <= kReusedWidth ? reused : own;
     clahe.configure(sourceH, sourceW, limit, false);
     // A destination that starts a tile or more into the source (or before it: the unsigned
     // difference wraps) skips equalising the first tile row / column.

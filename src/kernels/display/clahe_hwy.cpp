@@ -15,6 +15,7 @@
 
 #include <algorithm>
 
+#include "kernels/prefetch_ahead.hpp"
 #include "quorvel/kernels/display/clahe.hpp"
 
 #ifndef QUORVEL_CLAHE_HWY_SHARED
@@ -211,6 +212,10 @@ HWY_INLINE size_t MixPlanes32(int16_t* samples, size_t count, uint8_t const* pla
     __m512i const value = _mm512_srli_epi16(_mm512_mulhi_epu16(packed, by25), 1);
     int16_t* p = samples + 3 * i;
     for (int k = 0; k < 3; ++k) {
+      // The source line was read when its row was counted, some tens of rows ago, and the
+      // target line not at all: fetching both ahead keeps the stores from waiting on them.
+      kernel::prefetchAhead(p + 32 * k);
+      if constexpr (kCopy) kernel::prefetchAhead(copy + 3 * i + 32 * k);
       __m512i const v = _mm512_mask_permutexvar_epi16(_mm512_loadu_si512(p + 32 * k),
                                                       kReinsertMask[k], insert[k], value);
       _mm512_storeu_si512(p + 32 * k, v);
@@ -388,16 +393,21 @@ void FoldCounts(uint16_t* counts, uint32_t* histogram) {
   }
 }
 
-// histogram[b] = levels[running sum of bins 0..b]: 16-lane prefix sums by lane shifts and
-// the level of each sum by a gather; elsewhere the scalar loop. The sums are clamped to
-// maxSum, which only keeps a read inside the table: the callers' totals never exceed it.
-void CumulativeLevels(uint32_t* histogram, uint32_t const* levels, uint32_t maxSum) {
+// histogram[b] = min(maxLevel, trunc(running sum of bins 0..b * scale)): 16-lane prefix sums
+// by lane shifts, and each level by the same double multiply and truncation as the scalar
+// loop (a gather from a table of levels measured twice as slow); elsewhere the scalar loop.
+void CumulativeLevels(uint32_t* histogram, double scale, uint32_t maxLevel) {
   size_t b = 0;
   uint32_t carry = 0;
 #if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
   __m512i const zero = _mm512_setzero_si512();
   __m512i const last = _mm512_set1_epi32(15);
-  __m512i const top = _mm512_set1_epi32(static_cast<int32_t>(maxSum));
+  __m512i const top = _mm512_set1_epi32(static_cast<int32_t>(maxLevel));
+  __m512d const factor = _mm512_set1_pd(scale);
+  // Levels beyond int32 convert to 0x80000000, which the unsigned minimum also caps.
+  auto const level = [&](__m256i sums) {
+    return _mm512_cvttpd_epi32(_mm512_mul_pd(_mm512_cvtepu32_pd(sums), factor));
+  };
   __m512i total = zero;
   for (; b < 256; b += 16) {
     __m512i x = _mm512_loadu_si512(histogram + b);
@@ -407,12 +417,15 @@ void CumulativeLevels(uint32_t* histogram, uint32_t const* levels, uint32_t maxS
     x = _mm512_add_epi32(x, _mm512_alignr_epi32(x, zero, 8));
     x = _mm512_add_epi32(x, total);
     total = _mm512_permutexvar_epi32(last, x);
-    _mm512_storeu_si512(histogram + b, _mm512_i32gather_epi32(_mm512_min_epu32(x, top), levels, 4));
+    __m512i const levels =
+        _mm512_inserti64x4(_mm512_castsi256_si512(level(_mm512_castsi512_si256(x))),
+                           level(_mm512_extracti64x4_epi64(x, 1)), 1);
+    _mm512_storeu_si512(histogram + b, _mm512_min_epu32(levels, top));
   }
 #endif
   for (; b < 256; ++b) {
     carry += histogram[b];
-    histogram[b] = levels[std::min(carry, maxSum)];
+    histogram[b] = clahe_detail::levelOfSum(carry, scale, maxLevel);
   }
 }
 
@@ -478,8 +491,8 @@ void foldCounts(uint16_t* counts, uint32_t* histogram) {
   HWY_DYNAMIC_DISPATCH(FoldCounts)(counts, histogram);
 }
 
-void cumulativeLevels(uint32_t* histogram, uint32_t const* levels, uint32_t maxSum) {
-  HWY_DYNAMIC_DISPATCH(CumulativeLevels)(histogram, levels, maxSum);
+void cumulativeLevels(uint32_t* histogram, double scale, uint32_t maxLevel) {
+  HWY_DYNAMIC_DISPATCH(CumulativeLevels)(histogram, scale, maxLevel);
 }
 
 void narrowToBytes(uint32_t const* words, uint8_t* bytes, size_t n) {

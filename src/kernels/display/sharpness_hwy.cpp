@@ -9,6 +9,7 @@
 #include <hwy/foreach_target.h>  // IWYU pragma: keep
 #include <hwy/highway.h>
 
+#include "kernels/prefetch_ahead.hpp"
 #include "quorvel/kernels/display/sharpness.hpp"
 
 HWY_BEFORE_NAMESPACE();
@@ -16,16 +17,7 @@ namespace quorvel {
 namespace HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
 
-// Asks for the line `kPrefetchBytes` past p. The new rows of the vertical 16-bit pass stream
-// in from memory faster with this help than with the hardware prefetcher alone (measured
-// on a 4096 x 4096 image: 17 ms without, 11 ms at 16 KiB ahead, 8.5 ms at 2-3 KiB; further
-// ahead, the lines arrive too early and are evicted from the first-level cache again). The
-// address is formed as an integer: it may lie past the end of the buffer, which a prefetch
-// never faults on.
-constexpr uintptr_t kPrefetchBytes = 3072;
-HWY_INLINE void PrefetchAhead(void const* p) {
-  hwy::Prefetch(reinterpret_cast<void const*>(reinterpret_cast<uintptr_t>(p) + kPrefetchBytes));
-}
+using kernel::prefetchAhead;
 
 // 16-bit samples before the first 64-byte line boundary at `out` (rows of the 16-bit
 // passes start on even addresses).
@@ -263,7 +255,7 @@ HWY_INLINE void SharpenRowV16Avx3(uint16_t const* const blurRows[5], int16_t con
   bool const streamed = stream && reinterpret_cast<uintptr_t>(out) % 64 == 0;
   size_t k = 0;
   for (; k + 32 <= count; k += 32) {
-    PrefetchAhead(blurRows[4] + k), PrefetchAhead(centre + k);
+    prefetchAhead(blurRows[4] + k), prefetchAhead(centre + k);
     __m512i const r = block(k, ~__mmask32{0});
     if (streamed) {
       _mm512_stream_si512(reinterpret_cast<__m512i*>(out + k), r);
@@ -312,7 +304,7 @@ void SharpenRowV16(uint16_t const* const blurRows[5], int16_t const* centre, int
     k = std::min(count, StreamHead(out));
     sharpness_detail::sharpenRowV16Scalar(blurRows, centre, out, k, strength);
     for (; k + lanes <= count; k += lanes) {
-      PrefetchAhead(blurRows[4] + k), PrefetchAhead(centre + k);
+      prefetchAhead(blurRows[4] + k), prefetchAhead(centre + k);
       hn::Stream(sharpen(k), di16, out + k);
     }
     hwy::FlushStream();
@@ -320,7 +312,7 @@ void SharpenRowV16(uint16_t const* const blurRows[5], int16_t const* centre, int
   // Blocks of whole vectors. Rows 0-3 of the blur were read for the rows above; row 4 and
   // the centre row are new.
   for (; k + lanes <= count; k += lanes) {
-    PrefetchAhead(blurRows[4] + k), PrefetchAhead(centre + k);
+    prefetchAhead(blurRows[4] + k), prefetchAhead(centre + k);
     hn::StoreU(sharpen(k), di16, out + k);
   }
   // Tail: fewer samples than one vector.

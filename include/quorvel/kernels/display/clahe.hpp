@@ -107,10 +107,6 @@ class CLAHE {
   // Tile rows of mappings held (tile row t in slot t % mappingSlots_); 0: all of them.
   size_t mappingSlots_ = 0;
   struct PackedGrid;
-  // Mapping level of each cumulative count of a full tile, for the pixel count and grey
-  // range in levelsFor_.
-  std::vector<uint32_t> levels_;
-  std::array<int64_t, 3> levelsFor_{};
   // The clamped samples of the last two tile rows counted (two slots of tileSize rows of
   // histWidth bytes) and which tile row each slot holds; the banded equalisation reads them
   // back instead of extracting the same rows again.
@@ -193,9 +189,16 @@ void extractBinsScalar(int16_t const* samples, uint8_t* bins, size_t count);
 
 /// histogram[b] = the sum of counts[s * 256 + b] over the four sets s; the sets are zeroed.
 void foldCounts(uint16_t* counts, uint32_t* histogram);
-/// Replaces each of 256 bins by levels[running sum of the bins up to it], for histograms
-/// whose total is at most maxSum, the last index of `levels` (vectorised).
-void cumulativeLevels(uint32_t* histogram, uint32_t const* levels, uint32_t maxSum);
+/// The mapping level of a running sum on a grey range starting at 0: the sum times the
+/// scale, truncated, and capped at maxLevel.
+inline uint32_t levelOfSum(uint64_t sum, double scale, uint32_t maxLevel) {
+  double const level = static_cast<double>(sum) * scale;
+  return level >= static_cast<double>(maxLevel) ? maxLevel : static_cast<uint32_t>(level);
+}
+
+/// Replaces each of 256 bins by levelOfSum(running sum of the bins up to it), for
+/// histograms whose total fits in 32 bits (vectorised).
+void cumulativeLevels(uint32_t* histogram, double scale, uint32_t maxLevel);
 
 }  // namespace clahe_detail
 
