@@ -1,5 +1,7 @@
 #include "quorvel/kernels/display/clahe.hpp"
 
+#include <hwy/cache_control.h>
+
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -244,7 +246,17 @@ void CLAHE::countTileRow(int16_t const* samples, size_t tr, std::vector<uint32_t
     if (fast) {
       uint16_t* h = fastCounts.data();
       size_t const n = cEnd - cBegin;
+      // Counting runs from the first-level cache and leaves the memory bus idle: meanwhile,
+      // the same tile's pixels in the next band are fetched, a few lines per row counted,
+      // so that band's extraction finds them in cache (about 5% of a 4096 x 4096 call).
+      size_t const nextRows = std::min(rEnd + tileSize, histHeight) - rEnd;
+      size_t const tileBytes = n * channels * sizeof(int16_t);
       for (size_t r = 0; r < bandRows; ++r) {
+        if (r < nextRows) {
+          auto const* next =
+              reinterpret_cast<char const*>(samples + ((rEnd + r) * stride + cBegin) * channels);
+          for (size_t b = 0; b < tileBytes; b += 64) hwy::Prefetch(next + b);
+        }
         uint8_t const* p = rowBins + r * histWidth + cBegin;
         size_t c = 0;
         for (; c + 4 <= n; c += 4, p += 4) {
@@ -323,6 +335,10 @@ struct CLAHE::PackedGrid {
   std::vector<uint32_t> tables;  // packed words, for the gather form
   std::vector<uint16_t> weightLeft16, weightRight16;
   std::vector<uint8_t> byteTables, scratch;  // byte planes, for the byte form
+  // Byte copies of two tile rows of mappings (identity bins), tile row t in slot t % 2:
+  // each mapping is narrowed once, not once for each of the four blocks that read it.
+  std::vector<uint8_t> rowBytes;
+  std::array<size_t, 2> rowBytesFor{kNoBand, kNoBand};
   size_t builtFor = std::numeric_limits<size_t>::max();
   std::vector<int8_t> rowIsBytes;  // per tile row: -1 unknown, else all mappings < 256
 };
@@ -332,6 +348,7 @@ void CLAHE::prepareInterpolation(PackedGrid& grid, size_t c0, size_t c1) const {
   grid.usable = tileSize == kTile && minValue == 0;
   grid.rowIsBytes.assign(tileRows, -1);
   grid.builtFor = std::numeric_limits<size_t>::max();
+  grid.rowBytesFor = {kNoBand, kNoBand};
   if (!grid.usable) return;
   size_t const levels = binLut.size();
   grid.kFirst = (c0 + kHalf) / kTile;
@@ -453,27 +470,46 @@ void CLAHE::interpolatePacked(PackedGrid& grid, int16_t* samples, size_t r0, siz
   size_t const levels = binLut.size();
   size_t const count = c1 - c0;
   bool const identity = fastBins();
+  auto const bytesOfTileRow = [&](size_t tr) {
+    size_t const slot = tr % 2, size = tileCols * 256;
+    if (grid.rowBytesFor[slot] != tr) {
+      grid.rowBytes.resize(2 * size);
+      clahe_detail::narrowToBytes(tileMapping(tr, 0), grid.rowBytes.data() + slot * size, size);
+      grid.rowBytesFor[slot] = tr;
+    }
+    return grid.rowBytes.data() + slot * size;
+  };
   // Per column block of the current block row: the four mappings packed into one word per
   // sample index (UL | UR << 8 | LL << 16 | LR << 24), so a pixel needs a single lookup.
   for (size_t r = r0; r < r1; ++r) {
     size_t const i = (r + kHalf) / kTile;
     Block const rows = blockOf(i, kTile, tileRows);
     if (i != grid.builtFor) {
+      uint8_t const* above = nullptr;
+      uint8_t const* below = nullptr;
+      if (grid.bytes && identity) {
+        above = bytesOfTileRow(rows.tileBefore);
+        below = bytesOfTileRow(rows.tileAfter);
+      }
       for (size_t k = grid.kFirst; k <= grid.kLast; ++k) {
         Block const cols = blockOf(k, kTile, tileCols);
         uint32_t const* ul = tileMapping(rows.tileBefore, cols.tileBefore);
         uint32_t const* ur = tileMapping(rows.tileBefore, cols.tileAfter);
         uint32_t const* ll = tileMapping(rows.tileAfter, cols.tileBefore);
         uint32_t const* lr = tileMapping(rows.tileAfter, cols.tileAfter);
+        if (grid.bytes && identity) {
+          uint8_t* planes = grid.byteTables.data() + (k - grid.kFirst) * 1024;
+          std::memcpy(planes, above + cols.tileBefore * 256, 256);
+          std::memcpy(planes + 256, above + cols.tileAfter * 256, 256);
+          std::memcpy(planes + 512, below + cols.tileBefore * 256, 256);
+          std::memcpy(planes + 768, below + cols.tileAfter * 256, 256);
+          continue;
+        }
         if (grid.bytes) {
           uint8_t* planes = grid.byteTables.data() + (k - grid.kFirst) * 1024;
           for (uint32_t const* m : {ul, ur, ll, lr}) {
-            if (identity) {
-              clahe_detail::narrowToBytes(m, planes, 256);
-            } else {
-              for (size_t v = 0; v < 256; ++v) {
-                planes[v] = static_cast<uint8_t>(m[static_cast<size_t>(binLut[v])]);
-              }
+            for (size_t v = 0; v < 256; ++v) {
+              planes[v] = static_cast<uint8_t>(m[static_cast<size_t>(binLut[v])]);
             }
             planes += 256;
           }
