@@ -496,8 +496,8 @@ TEST(Clahe, VectorRowKernelsMatchTheScalarFormsOnEveryTarget) {
 }
 
 TEST(Clahe, TileMappingStepsMatchTheScalarFormsOnEveryTarget) {
-  // The fold of the four count sets and the cumulative levels, on histograms of 1600 counts
-  // spread from one bin to all of them.
+  // The fold of the four count sets, alone and with the clipping, and the cumulative
+  // levels, on histograms of 1600 counts spread from one bin to all of them.
   std::mt19937 gen(13);
   double const scale = 255.0 / 1600;
   quorvel::testing::forEachSimdTarget([&] {
@@ -508,6 +508,27 @@ TEST(Clahe, TileMappingStepsMatchTheScalarFormsOnEveryTarget) {
         size_t const bin = gen() % spread * (255 / std::max(1, spread - 1));
         ++counts[p % 4 * 256 + bin];
         ++want[bin];
+      }
+      // The fused fold and clip against the two passes written out, for limits that cut
+      // everything, some bins or nothing.
+      for (int32_t limit : {1, 6, 12, 40, 2000}) {
+        std::vector<uint16_t> sets = counts;
+        std::vector<uint32_t> clipped = want;
+        int32_t excess = 0;
+        for (uint32_t v : want) excess += std::max(static_cast<int32_t>(v) - limit, 0);
+        int32_t left = excess;
+        if (excess > 0) {
+          int32_t const inc = excess / 256;
+          for (auto& v : clipped) {
+            auto const c = static_cast<int32_t>(v);
+            left -= c > limit ? 0 : std::min(inc, limit - c);
+            v = static_cast<uint32_t>(c > limit - inc ? limit : c + inc);
+          }
+        }
+        std::vector<uint32_t> fused(256, 7);
+        ASSERT_EQ(clahe_detail::foldAndClip(sets.data(), fused.data(), limit), left);
+        ASSERT_EQ(fused, clipped) << spread << " at limit " << limit;
+        ASSERT_EQ(sets, std::vector<uint16_t>(4 * 256, 0));
       }
       std::vector<uint32_t> got(256, 7);
       clahe_detail::foldCounts(counts.data(), got.data());

@@ -78,7 +78,7 @@ void CLAHE::configure(size_t imageHeight, size_t imageWidth, double limit, bool 
   }
 }
 
-uint64_t CLAHE::clipHistogram(uint32_t* histogram, size_t pixelCount) const {
+uint64_t CLAHE::clipLimitFor(size_t pixelCount) const {
   // The conversion to an integer saturates; a NaN limit (kept on purpose) means no clipping.
   double const exact = static_cast<double>(pixelCount) * clipLimit / static_cast<double>(numBins);
   uint64_t limit = std::numeric_limits<uint64_t>::max();
@@ -87,7 +87,11 @@ uint64_t CLAHE::clipHistogram(uint32_t* histogram, size_t pixelCount) const {
   } else if (exact < 18446744073709551615.0) {
     limit = static_cast<uint64_t>(exact);
   }
-  if (limit == 0) limit = 1;
+  return limit == 0 ? 1 : limit;
+}
+
+uint64_t CLAHE::clipHistogram(uint32_t* histogram, size_t pixelCount) const {
+  uint64_t const limit = clipLimitFor(pixelCount);
 
   int64_t excess = 0;
   uint32_t bits = 0;
@@ -267,14 +271,22 @@ void CLAHE::countTileRow(int16_t const* samples, size_t tr, std::vector<uint32_t
         }
         for (; c < n; ++c, ++p) ++h[*p];
       }
-      clahe_detail::foldCounts(h, mapping);
+      if (full) {
+        // Full tiles fold and clip in one step; the same limit as clipHistogram's.
+        uint64_t const limit = clipLimitFor(bandRows * n);
+        auto const limit16 = static_cast<int32_t>(std::min<uint64_t>(limit, 32767));
+        int64_t const left = clahe_detail::foldAndClip(h, mapping, limit16);
+        if (left > 0) spreadExcess(mapping, limit, left);
+      } else {
+        clahe_detail::foldCounts(h, mapping);
+      }
     } else {
       uint32_t const* even = counts.data() + 2 * tc * numBins;
       for (size_t b = 0; b < numBins; ++b) mapping[b] = even[b] + even[numBins + b];
     }
 
     size_t const pixels = (rEnd - rBegin) * (cEnd - cBegin);
-    clipHistogram(mapping, pixels);
+    if (!(fast && full)) clipHistogram(mapping, pixels);
     if (!full) continue;  // a lone partial tile keeps its clipped histogram
     // The cumulative histogram scaled to the grey range, truncated.
     double const scale =

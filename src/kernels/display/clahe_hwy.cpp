@@ -393,6 +393,61 @@ void FoldCounts(uint16_t* counts, uint32_t* histogram) {
   }
 }
 
+// The tile steps in 16-bit lanes, where the counts of a tile of fewer than 32768 pixels,
+// its excess and what is handed out all fit: one pass folds the count sets and
+// sums the excess, and only a tile with an excess takes the second, which cuts and shares.
+int32_t FoldAndClip(uint16_t* counts, uint32_t* histogram, int32_t limit) {
+  const hn::ScalableTag<int16_t> d;
+  const hn::RebindToUnsigned<decltype(d)> du;
+  const hn::ScalableTag<int32_t> d32;
+  const hn::Rebind<int16_t, decltype(d32)> d16;
+  size_t const lanes = hn::Lanes(d);
+  // A limit above every possible count leaves nothing to cut.
+  auto const lim = hn::Set(d, static_cast<int16_t>(std::clamp(limit, 0, 32767)));
+  auto const zero = hn::Zero(d);
+  // The lanes of an accumulator, each at most the whole tile's count.
+  auto const total = [&](hn::Vec<decltype(d)> v) {
+    alignas(64) int16_t part[HWY_MAX_BYTES / 2];
+    hn::Store(v, d, part);
+    int32_t sum = 0;
+    for (size_t i = 0; i < lanes; ++i) sum += part[i];
+    return sum;
+  };
+  alignas(64) int16_t h[256];
+  auto over = zero;
+  for (size_t b = 0; b < 256; b += lanes) {
+    auto v = hn::BitCast(d, hn::LoadU(du, counts + b));
+    hn::StoreU(hn::Zero(du), du, counts + b);
+    for (size_t set = 256; set < 1024; set += 256) {
+      v = hn::Add(v, hn::BitCast(d, hn::LoadU(du, counts + set + b)));
+      hn::StoreU(hn::Zero(du), du, counts + set + b);
+    }
+    hn::Store(v, d, h + b);
+    over = hn::Add(over, hn::Max(hn::Sub(v, lim), zero));
+  }
+  int32_t const excess = total(over);
+  int32_t left = 0;
+  if (excess > 0) {
+    int32_t const inc = excess / 256;
+    auto const up = hn::Set(d, static_cast<int16_t>(limit - inc));
+    auto const share = hn::Set(d, static_cast<int16_t>(inc));
+    auto given = zero;
+    for (size_t b = 0; b < 256; b += lanes) {
+      auto const v = hn::Load(d, h + b);
+      auto const near = hn::Gt(v, up);  // includes the bins over the limit
+      given = hn::Add(
+          given, hn::IfThenZeroElse(hn::Gt(v, lim), hn::IfThenElse(near, hn::Sub(lim, v), share)));
+      hn::Store(hn::IfThenElse(near, lim, hn::Add(v, share)), d, h + b);
+    }
+    left = excess - total(given);
+  }
+  for (size_t b = 0; b < 256; b += hn::Lanes(d32)) {
+    hn::StoreU(hn::PromoteTo(d32, hn::LoadU(d16, h + b)), d32,
+               reinterpret_cast<int32_t*>(histogram + b));
+  }
+  return left;
+}
+
 // histogram[b] = min(maxLevel, trunc(running sum of bins 0..b * scale)): 16-lane prefix sums
 // by lane shifts, and each level by the same double multiply and truncation as the scalar
 // loop (a gather from a table of levels measured twice as slow); elsewhere the scalar loop.
@@ -485,10 +540,15 @@ HWY_EXPORT(OrAll);
 HWY_EXPORT(ExcessOver);
 HWY_EXPORT(CutAndShare);
 HWY_EXPORT(FoldCounts);
+HWY_EXPORT(FoldAndClip);
 HWY_EXPORT(CumulativeLevels);
 
 void foldCounts(uint16_t* counts, uint32_t* histogram) {
   HWY_DYNAMIC_DISPATCH(FoldCounts)(counts, histogram);
+}
+
+int32_t foldAndClip(uint16_t* counts, uint32_t* histogram, int32_t limit) {
+  return HWY_DYNAMIC_DISPATCH(FoldAndClip)(counts, histogram, limit);
 }
 
 void cumulativeLevels(uint32_t* histogram, double scale, uint32_t maxLevel) {

@@ -71,6 +71,9 @@ class CLAHE {
   /// Clips `histogram` (numBins bins of a tile of `pixelCount` pixels) and spreads the
   /// excess over the bins. Returns the limit used.
   uint64_t clipHistogram(uint32_t* histogram, size_t pixelCount) const;
+  /// The clip limit of a tile of `pixelCount` pixels: clipLimit times the mean count per
+  /// bin, truncated, and at least 1.
+  uint64_t clipLimitFor(size_t pixelCount) const;
 
   /// The bin table index of a sample: 0 below minValue, s - minValue up to maxValue -
   /// minValue, maxValue - minValue above.
@@ -189,6 +192,11 @@ void extractBinsScalar(int16_t const* samples, uint8_t* bins, size_t count);
 
 /// histogram[b] = the sum of counts[s * 256 + b] over the four sets s; the sets are zeroed.
 void foldCounts(uint16_t* counts, uint32_t* histogram);
+/// foldCounts followed by the two clipping passes at `limit` (excessOver, then cutAndShare
+/// with inc = excess / 256 when there is an excess), for tiles of fewer than 32768 pixels
+/// and limits of at least 1, in 16-bit lanes. Returns what is left of the excess for the
+/// spreading.
+int32_t foldAndClip(uint16_t* counts, uint32_t* histogram, int32_t limit);
 /// The mapping level of a running sum on a grey range starting at 0: the sum times the
 /// scale, truncated, and capped at maxLevel.
 inline uint32_t levelOfSum(uint64_t sum, double scale, uint32_t maxLevel) {
