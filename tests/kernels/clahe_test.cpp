@@ -477,17 +477,21 @@ TEST(Clahe, VectorRowKernelsMatchTheScalarFormsOnEveryTarget) {
       clahe_detail::interpolateRowBytesScalar(expected.data(), count, first, planes.data(),
                                               left16.data(), right16.data(), up, 40 - up);
       for (uint8_t const* given : std::array<uint8_t const*, 2>{nullptr, want.data()}) {
-        // With the bins given, the finished pixels are also copied out (and nothing more).
+        // With the bins given, the finished pixels are also copied out (and nothing more),
+        // to a line-aligned target, with streaming stores for every other count.
         got = samples;
-        std::vector<int16_t> copied(3 * count + 3, -9);
+        std::vector<int16_t> buffer(3 * count + 3 + 32, -9);
+        int16_t* copied =
+            buffer.data() + (64 - reinterpret_cast<uintptr_t>(buffer.data()) % 64) % 64 / 2;
         clahe_detail::interpolateRowBytes(got.data(), given, count, first, planes.data(),
                                           left16.data(), right16.data(), up, 40 - up,
-                                          scratch.data(), given ? copied.data() : nullptr);
+                                          scratch.data(), given ? copied : nullptr, count % 2 == 0);
         ASSERT_EQ(got, expected) << count << " from column " << first
                                  << (given ? " with bins" : "");
         if (given) {
           expected[3 * count] = expected[3 * count + 1] = expected[3 * count + 2] = -9;
-          ASSERT_EQ(copied, expected) << count << " from column " << first;
+          ASSERT_EQ(std::vector<int16_t>(copied, copied + 3 * count + 3), expected)
+              << count << " from column " << first;
           std::copy_n(samples.begin() + 3 * count, 3, expected.begin() + 3 * count);
         }
       }

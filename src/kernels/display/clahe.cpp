@@ -553,7 +553,7 @@ void CLAHE::interpolatePacked(PackedGrid& grid, int16_t* samples, size_t r0, siz
       clahe_detail::interpolateRowBytes(samples + (r * stride + c0) * channels, bins, count, c0,
                                         grid.byteTables.data(), grid.weightLeft16.data(),
                                         grid.weightRight16.data(), weightUp, y * scale,
-                                        grid.scratch.data(), copy.target(r));
+                                        grid.scratch.data(), copy.target(r), copy.stream);
       continue;
     }
     clahe_detail::interpolateRow40(samples + (r * stride + c0) * channels, count, channels,
@@ -694,6 +694,7 @@ void SoftwareFilterCLAHE::apply(std::vector<std::shared_ptr<Buffer2D>> const& in
         copy.firstRow = static_cast<size_t>(firstRow);
         copy.rows = static_cast<size_t>(
             std::min<int64_t>(out[3] - j, static_cast<int64_t>(sourceH) - firstRow));
+        copy.stream = kernel::streamTarget(copy.rows * copy.stride * sizeof(int16_t));
       }
       clahe.equalize(
           samples, r0, c0, [](size_t) {}, copy);

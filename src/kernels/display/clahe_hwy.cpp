@@ -186,7 +186,7 @@ HWY_INLINE void LookUpBlocks(uint8_t const* bins, size_t count, size_t firstColu
 template <bool kCopy>
 HWY_INLINE size_t MixPlanes32(int16_t* samples, size_t count, uint8_t const* planes,
                               uint16_t const* weightLeft, uint16_t const* weightRight,
-                              int32_t weightUp, int32_t weightDown, int16_t* copy) {
+                              int32_t weightUp, int32_t weightDown, int16_t* copy, bool stream) {
   using namespace clahe_detail;
   __m512i insert[3];
   for (int k = 0; k < 3; ++k) insert[k] = _mm512_load_si512(kReinsertNaturalIndex[k].lanes);
@@ -197,6 +197,8 @@ HWY_INLINE size_t MixPlanes32(int16_t* samples, size_t count, uint8_t const* pla
     return _mm512_cvtepu8_epi16(
         _mm256_loadu_si256(reinterpret_cast<__m256i const*>(planes + p * count + i)));
   };
+  // Streaming stores take whole lines: a target row that starts on one.
+  bool const streamed = kCopy && stream && reinterpret_cast<uintptr_t>(copy) % 64 == 0;
   size_t i = 0;
   for (; i + 32 <= count; i += 32) {
     __m512i const wl = _mm512_loadu_si512(weightLeft + i), wr = _mm512_loadu_si512(weightRight + i);
@@ -213,15 +215,25 @@ HWY_INLINE size_t MixPlanes32(int16_t* samples, size_t count, uint8_t const* pla
     int16_t* p = samples + 3 * i;
     for (int k = 0; k < 3; ++k) {
       // The source line was read when its row was counted, some tens of rows ago, and the
-      // target line not at all: fetching both ahead keeps the stores from waiting on them.
+      // target line not at all: fetching both ahead keeps the stores from waiting on them
+      // (streamed target lines are not read at all).
       kernel::prefetchAhead(p + 32 * k);
-      if constexpr (kCopy) kernel::prefetchAhead(copy + 3 * i + 32 * k);
+      if constexpr (kCopy) {
+        if (!streamed) kernel::prefetchAhead(copy + 3 * i + 32 * k);
+      }
       __m512i const v = _mm512_mask_permutexvar_epi16(_mm512_loadu_si512(p + 32 * k),
                                                       kReinsertMask[k], insert[k], value);
       _mm512_storeu_si512(p + 32 * k, v);
-      if constexpr (kCopy) _mm512_storeu_si512(copy + 3 * i + 32 * k, v);
+      if constexpr (kCopy) {
+        if (streamed) {
+          _mm512_stream_si512(reinterpret_cast<__m512i*>(copy + 3 * i + 32 * k), v);
+        } else {
+          _mm512_storeu_si512(copy + 3 * i + 32 * k, v);
+        }
+      }
     }
   }
+  if (streamed) hwy::FlushStream();
   return i;
 }
 #endif
@@ -234,7 +246,7 @@ void ExtractBins(int16_t const* samples, uint8_t* bins, size_t count);
 void InterpolateRowBytes(int16_t* samples, uint8_t const* bins, size_t count, size_t firstColumn,
                          uint8_t const* tables, uint16_t const* weightLeft,
                          uint16_t const* weightRight, int32_t weightUp, int32_t weightDown,
-                         uint8_t* scratch, int16_t* copy) {
+                         uint8_t* scratch, int16_t* copy, bool stream) {
   size_t i = 0;
 #if HWY_TARGET == HWY_AVX3_DL
   if (count >= 32) {
@@ -245,13 +257,14 @@ void InterpolateRowBytes(int16_t* samples, uint8_t const* bins, size_t count, si
     }
     LookUpBlocks(bins, count, firstColumn, tables, planes);
     i = copy != nullptr ? MixPlanes32<true>(samples, count, planes, weightLeft, weightRight,
-                                            weightUp, weightDown, copy)
+                                            weightUp, weightDown, copy, stream)
                         : MixPlanes32<false>(samples, count, planes, weightLeft, weightRight,
-                                             weightUp, weightDown, nullptr);
+                                             weightUp, weightDown, nullptr, false);
   }
 #else
   (void)bins;
   (void)scratch;
+  (void)stream;
 #endif
   if (i < count) {
     size_t const blockOffset = ((firstColumn + i + 20) / 40 - (firstColumn + 20) / 40) * 1024;
@@ -572,10 +585,10 @@ int32_t cutAndShare(int32_t* h, size_t n, int32_t limit, int32_t inc) {
 void interpolateRowBytes(int16_t* samples, uint8_t const* bins, size_t count, size_t firstColumn,
                          uint8_t const* tables, uint16_t const* weightLeft,
                          uint16_t const* weightRight, int32_t weightUp, int32_t weightDown,
-                         uint8_t* scratch, int16_t* copy) {
+                         uint8_t* scratch, int16_t* copy, bool stream) {
   HWY_DYNAMIC_DISPATCH(InterpolateRowBytes)
   (samples, bins, count, firstColumn, tables, weightLeft, weightRight, weightUp, weightDown,
-   scratch, copy);
+   scratch, copy, stream);
 }
 
 bool byteTablesPreferred() { return HWY_DYNAMIC_DISPATCH(ByteTablesPreferred)(); }

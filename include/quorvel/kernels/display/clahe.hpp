@@ -30,6 +30,8 @@ struct ClaheRowCopy {
   size_t stride = 0;  ///< samples from one target row to the next
   size_t firstRow = 0;
   size_t rows = 0;
+  /// Write with streaming stores where the rows allow: for targets too large to stay cached.
+  bool stream = false;
   int16_t* target(size_t r) const {
     return r - firstRow < rows ? pixels + (r - firstRow) * stride : nullptr;
   }
@@ -163,12 +165,13 @@ void interpolateRow40Scalar(int16_t* samples, size_t count, size_t channels, int
 /// column firstColumn + i; its sample is clamped to [0, 255] and mixed as in
 /// interpolateRow40. `bins` holds the clamped samples if the caller has them, else null;
 /// `scratch` holds 5 * count bytes. If `copy` is not null, the row's pixels as they end up
-/// (3 * count samples) are also written there. Vectorised where the processor can
-/// look bytes up by permutes (see byteTablesPreferred); equal to the scalar form.
+/// (3 * count samples) are also written there, with streaming stores if `stream` is set.
+/// Vectorised where the processor can look bytes up by permutes (see
+/// byteTablesPreferred); equal to the scalar form.
 void interpolateRowBytes(int16_t* samples, uint8_t const* bins, size_t count, size_t firstColumn,
                          uint8_t const* tables, uint16_t const* weightLeft,
                          uint16_t const* weightRight, int32_t weightUp, int32_t weightDown,
-                         uint8_t* scratch, int16_t* copy = nullptr);
+                         uint8_t* scratch, int16_t* copy = nullptr, bool stream = false);
 void interpolateRowBytesScalar(int16_t* samples, size_t count, size_t firstColumn,
                                uint8_t const* tables, uint16_t const* weightLeft,
                                uint16_t const* weightRight, int32_t weightUp, int32_t weightDown);
