@@ -216,6 +216,8 @@ void BlurRowH16(int16_t const* in, uint16_t* out, size_t count, size_t step, boo
 // (the blur sums as signed words) and X = 4096 c - blur = -(q'0 + q'4) - 13 (q'1 + q'3)
 // - 36 q'2 + 4096 c - 2^21, each pair of terms is one word multiply-add of interleaved
 // rows; the rest is exact modulo 2^32, like the scalar form: r = (c << 17) + 2^16 + X s.
+// (c << 17) + 2^16 - 2^21 s has nothing in its low half: it is the word 2c + 1 - 32 s,
+// formed once for all 32 samples and moved into the high halves by the interleave.
 // Packing the two halves back with signed saturation restores the order the interleave
 // took apart and is the clamp to [-32768, 32767]. The last partial block is masked.
 HWY_INLINE void SharpenRowV16Avx3(uint16_t const* const blurRows[5], int16_t const* centre,
@@ -227,11 +229,14 @@ HWY_INLINE void SharpenRowV16Avx3(uint16_t const* const blurRows[5], int16_t con
   __m512i const w04 = pair(-1, -1), w13 = pair(-13, -13), w2c = pair(-36, 4096);
   __m512i const bias = _mm512_set1_epi16(static_cast<int16_t>(0x8000));
   __m512i const zero = _mm512_setzero_si512(), top = _mm512_set1_epi16(1023);
-  __m512i const highWords = _mm512_set1_epi32(static_cast<int32_t>(0xFFFF0000u));
   __m512i const s = _mm512_set1_epi32(strength);
-  // 2^16 - 2^21 s, modulo 2^32: the rounding term and the bias of the blur sums.
+  // 1 - 32 s, modulo 2^16: the rounding term and the bias of the blur sums, in high halves.
   __m512i const constant =
-      _mm512_set1_epi32(static_cast<int32_t>(65536u - (static_cast<uint32_t>(strength) << 21)));
+      _mm512_set1_epi16(static_cast<int16_t>(1u - (static_cast<uint32_t>(strength) << 5)));
+  // a + the pairwise products of b and c.
+  auto const multiplyAdd = [](__m512i a, __m512i b, __m512i c) {
+    return _mm512_add_epi32(a, _mm512_madd_epi16(b, c));
+  };
   auto const block = [&](size_t k, __mmask32 mask) {
     auto const row = [&](int r) {
       return _mm512_xor_si512(_mm512_maskz_loadu_epi16(mask, blurRows[r] + k), bias);
@@ -239,14 +244,12 @@ HWY_INLINE void SharpenRowV16Avx3(uint16_t const* const blurRows[5], int16_t con
     __m512i const q0 = row(0), q1 = row(1), q2 = row(2), q3 = row(3), q4 = row(4);
     __m512i const c =
         _mm512_min_epi16(_mm512_max_epi16(_mm512_maskz_loadu_epi16(mask, centre + k), zero), top);
+    __m512i const high = _mm512_add_epi16(_mm512_add_epi16(c, c), constant);
     auto const half = [&](auto unpack) {
-      __m512i const p2c = unpack(q2, c);
-      __m512i const x = _mm512_add_epi32(_mm512_add_epi32(_mm512_madd_epi16(unpack(q0, q4), w04),
-                                                          _mm512_madd_epi16(unpack(q1, q3), w13)),
-                                         _mm512_madd_epi16(p2c, w2c));
-      __m512i const c17 = _mm512_slli_epi32(_mm512_and_si512(p2c, highWords), 1);
-      return _mm512_srai_epi32(
-          _mm512_add_epi32(_mm512_add_epi32(c17, constant), _mm512_mullo_epi32(x, s)), 17);
+      __m512i const x =
+          multiplyAdd(multiplyAdd(_mm512_madd_epi16(unpack(q0, q4), w04), unpack(q1, q3), w13),
+                      unpack(q2, c), w2c);
+      return _mm512_srai_epi32(_mm512_add_epi32(unpack(zero, high), _mm512_mullo_epi32(x, s)), 17);
     };
     return _mm512_packs_epi32(
         half([](__m512i a, __m512i b) { return _mm512_unpacklo_epi16(a, b); }),
