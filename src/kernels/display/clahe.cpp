@@ -198,6 +198,9 @@ void CLAHE::countTileRow(int16_t const* samples, size_t tr, std::vector<uint32_t
   size_t const cEndAll = std::min(countedCols * tileSize, histWidth);
   bool const fast = fastBins();
   size_t const bandRows = rEnd - rBegin;
+  uint64_t const fullLimit = clipLimitFor(tileSize * tileSize);
+  auto const fullLimit16 = static_cast<int32_t>(std::min<uint64_t>(fullLimit, 32767));
+  bool const fetchAhead = kernel::streamTarget(histHeight * stride * channels * sizeof(int16_t));
   uint8_t* rowBins = nullptr;
   if (fast) {
     // The usual grid: the bins of the band's pixel rows are extracted in one vector pass per
@@ -253,7 +256,9 @@ void CLAHE::countTileRow(int16_t const* samples, size_t tr, std::vector<uint32_t
       // Counting runs from the first-level cache and leaves the memory bus idle: meanwhile,
       // the same tile's pixels in the next band are fetched, a few lines per row counted,
       // so that band's extraction finds them in cache (about 5% of a 4096 x 4096 call).
-      size_t const nextRows = std::min(rEnd + tileSize, histHeight) - rEnd;
+      // An image that stays in the caches is left to the hardware prefetcher: there the
+      // prefetches only cost time.
+      size_t const nextRows = fetchAhead ? std::min(rEnd + tileSize, histHeight) - rEnd : 0;
       size_t const tileBytes = n * channels * sizeof(int16_t);
       for (size_t r = 0; r < bandRows; ++r) {
         if (r < nextRows) {
@@ -273,10 +278,8 @@ void CLAHE::countTileRow(int16_t const* samples, size_t tr, std::vector<uint32_t
       }
       if (full) {
         // Full tiles fold and clip in one step; the same limit as clipHistogram's.
-        uint64_t const limit = clipLimitFor(bandRows * n);
-        auto const limit16 = static_cast<int32_t>(std::min<uint64_t>(limit, 32767));
-        int64_t const left = clahe_detail::foldAndClip(h, mapping, limit16);
-        if (left > 0) spreadExcess(mapping, limit, left);
+        int64_t const left = clahe_detail::foldAndClip(h, mapping, fullLimit16);
+        if (left > 0) spreadExcess(mapping, fullLimit, left);
       } else {
         clahe_detail::foldCounts(h, mapping);
       }
