@@ -15,11 +15,20 @@ using PixelRgb16 = std::array<uint16_t, 3>;
 using PixelRgbS16 = std::array<int16_t, 3>;
 
 /// X(type) for each supported pixel type, in the order of the type table.
-#define QUORVEL_FOR_EACH_PIXEL_TYPE(X)                                              \
-  X(uint8_t)                                                                        \
-  X(int8_t) X(uint16_t) X(int16_t) X(::quorvel::PixelRgb8) X(::quorvel::PixelRgba8) \
-      X(::quorvel::PixelRgbS8) X(::quorvel::PixelRgbaS8) X(::quorvel::PixelRgb16)   \
-          X(::quorvel::PixelRgbS16)
+// (One type per line by hand: clang-format does not settle on a layout for this list.)
+// clang-format off
+#define QUORVEL_FOR_EACH_PIXEL_TYPE(X) \
+  X(uint8_t)                           \
+  X(int8_t)                            \
+  X(uint16_t)                          \
+  X(int16_t)                           \
+  X(::quorvel::PixelRgb8)              \
+  X(::quorvel::PixelRgba8)             \
+  X(::quorvel::PixelRgbS8)             \
+  X(::quorvel::PixelRgbaS8)            \
+  X(::quorvel::PixelRgb16)             \
+  X(::quorvel::PixelRgbS16)
+// clang-format on
 
 /// Channel count and channel type of a pixel type.
 template <class P>
