@@ -32,11 +32,10 @@ void* allocatePixelBytes(size_t bytes) {
   void* p = scalable_aligned_malloc(bytes, kHugePageAlignment);
   if (!p) throw std::bad_alloc();
 #if defined(MADV_HUGEPAGE)
-  // Advice only: where transparent huge pages are off or unsupported the call fails and
-  // the block keeps ordinary pages. It must come before the first touch, which the
-  // container's zero-fill makes right after this returns.
-  size_t const page = 4096;
-  (void)madvise(p, (bytes + page - 1) / page * page, MADV_HUGEPAGE);
+  // Advice only: where transparent huge pages are off or unsupported, the call fails or
+  // does nothing and the block keeps ordinary pages. It must come before the first touch,
+  // which the container's zero-fill makes right after this returns.
+  (void)madvise(p, bytes, MADV_HUGEPAGE);
 #endif
   return p;
 }

@@ -73,8 +73,8 @@ using PixelAllocator = std::allocator<T>;
 namespace buffer_detail {
 /// Pixel storage of at least this many bytes starts on a 2 MiB boundary and is offered to
 /// the kernel for transparent huge pages: render targets and whole-image buffers are
-/// streamed through end to end, and with 4 KiB pages the walk misses the TLB every few
-/// rows (a 100 MB copy ran about 15% faster on huge pages). Smaller buffers, tiles among
+/// streamed through end to end, and with 4 KiB pages such a walk misses the TLB at every
+/// page (a 100 MB copy ran about 15% faster on huge pages). Smaller buffers, tiles among
 /// them, stay in the allocator's pools, where rounding to 2 MiB would waste memory.
 inline constexpr size_t kHugePageBytes = size_t{4} << 20;
 /// Scalable-allocator storage of `bytes`, the large blocks aligned and advised as above;

@@ -199,7 +199,6 @@ void CLAHE::countTileRow(int16_t const* samples, size_t tr, std::vector<uint32_t
   bool const fast = fastBins();
   size_t const bandRows = rEnd - rBegin;
   uint64_t const fullLimit = clipLimitFor(tileSize * tileSize);
-  auto const fullLimit16 = static_cast<int32_t>(std::min<uint64_t>(fullLimit, 32767));
   bool const fetchAhead = kernel::streamTarget(histHeight * stride * channels * sizeof(int16_t));
   uint8_t* rowBins = nullptr;
   if (fast) {
@@ -276,20 +275,20 @@ void CLAHE::countTileRow(int16_t const* samples, size_t tr, std::vector<uint32_t
         }
         for (; c < n; ++c, ++p) ++h[*p];
       }
-      if (full) {
-        // Full tiles fold and clip in one step; the same limit as clipHistogram's.
-        int64_t const left = clahe_detail::foldAndClip(h, mapping, fullLimit16);
-        if (left > 0) spreadExcess(mapping, fullLimit, left);
-      } else {
-        clahe_detail::foldCounts(h, mapping);
-      }
+    }
+    size_t const pixels = (rEnd - rBegin) * (cEnd - cBegin);
+    if (fast) {
+      // The count sets are folded and clipped in one 16-bit step (a tile has at most 1600
+      // pixels here), at the same limit as clipHistogram's; then the rest is spread.
+      uint64_t const limit = full ? fullLimit : clipLimitFor(pixels);
+      int64_t const left = clahe_detail::foldAndClip(
+          fastCounts.data(), mapping, static_cast<int32_t>(std::min<uint64_t>(limit, 32767)));
+      if (left > 0) spreadExcess(mapping, limit, left);
     } else {
       uint32_t const* even = counts.data() + 2 * tc * numBins;
       for (size_t b = 0; b < numBins; ++b) mapping[b] = even[b] + even[numBins + b];
+      clipHistogram(mapping, pixels);
     }
-
-    size_t const pixels = (rEnd - rBegin) * (cEnd - cBegin);
-    if (!(fast && full)) clipHistogram(mapping, pixels);
     if (!full) continue;  // a lone partial tile keeps its clipped histogram
     // The cumulative histogram scaled to the grey range, truncated.
     double const scale =

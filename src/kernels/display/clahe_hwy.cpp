@@ -388,27 +388,10 @@ uint32_t OrAll(uint32_t const* words, size_t n) {
   return all;
 }
 
-// The four interleaved 16-bit count sets of a tile summed into 32-bit bins; the sets are
-// left zeroed for the next tile.
-void FoldCounts(uint16_t* counts, uint32_t* histogram) {
-  const hn::ScalableTag<uint32_t> d;
-  const hn::Rebind<uint16_t, decltype(d)> d16;
-  size_t const lanes = hn::Lanes(d);
-  auto const zero = hn::Zero(d16);
-  for (size_t b = 0; b < 256; b += lanes) {
-    auto sum = hn::PromoteTo(d, hn::LoadU(d16, counts + b));
-    hn::StoreU(zero, d16, counts + b);
-    for (size_t set = 256; set < 1024; set += 256) {
-      sum = hn::Add(sum, hn::PromoteTo(d, hn::LoadU(d16, counts + set + b)));
-      hn::StoreU(zero, d16, counts + set + b);
-    }
-    hn::StoreU(sum, d, histogram + b);
-  }
-}
-
 // The tile steps in 16-bit lanes, where the counts of a tile of fewer than 32768 pixels,
-// its excess and what is handed out all fit: one pass folds the count sets and
-// sums the excess, and only a tile with an excess takes the second, which cuts and shares.
+// its excess and what is handed out all fit: one pass folds the four interleaved count
+// sets (zeroing them for the next tile) and sums the excess, and only a tile with an
+// excess takes the second, which cuts and shares.
 int32_t FoldAndClip(uint16_t* counts, uint32_t* histogram, int32_t limit) {
   const hn::ScalableTag<int16_t> d;
   const hn::RebindToUnsigned<decltype(d)> du;
@@ -552,13 +535,8 @@ HWY_EXPORT(NarrowToBytes);
 HWY_EXPORT(OrAll);
 HWY_EXPORT(ExcessOver);
 HWY_EXPORT(CutAndShare);
-HWY_EXPORT(FoldCounts);
 HWY_EXPORT(FoldAndClip);
 HWY_EXPORT(CumulativeLevels);
-
-void foldCounts(uint16_t* counts, uint32_t* histogram) {
-  HWY_DYNAMIC_DISPATCH(FoldCounts)(counts, histogram);
-}
 
 int32_t foldAndClip(uint16_t* counts, uint32_t* histogram, int32_t limit) {
   return HWY_DYNAMIC_DISPATCH(FoldAndClip)(counts, histogram, limit);

@@ -193,12 +193,10 @@ int32_t excessOver(int32_t const* h, size_t n, int32_t limit);
 int32_t cutAndShare(int32_t* h, size_t n, int32_t limit, int32_t inc);
 void extractBinsScalar(int16_t const* samples, uint8_t* bins, size_t count);
 
-/// histogram[b] = the sum of counts[s * 256 + b] over the four sets s; the sets are zeroed.
-void foldCounts(uint16_t* counts, uint32_t* histogram);
-/// foldCounts followed by the two clipping passes at `limit` (excessOver, then cutAndShare
-/// with inc = excess / 256 when there is an excess), for tiles of fewer than 32768 pixels
-/// and limits of at least 1, in 16-bit lanes. Returns what is left of the excess for the
-/// spreading.
+/// histogram[b] = the sum of counts[s * 256 + b] over the four sets s (which are zeroed),
+/// followed by the two clipping passes at `limit` (excessOver, then cutAndShare with inc =
+/// excess / 256 when there is an excess), for tiles of fewer than 32768 pixels and limits
+/// of at least 1, in 16-bit lanes. Returns what is left of the excess for the spreading.
 int32_t foldAndClip(uint16_t* counts, uint32_t* histogram, int32_t limit);
 /// The mapping level of a running sum on a grey range starting at 0: the sum times the
 /// scale, truncated, and capped at maxLevel.
