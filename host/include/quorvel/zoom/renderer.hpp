@@ -1,0 +1,121 @@
+#pragma once
+// Rendering any rectangle of a huge image at any zoom level through the backend.
+//
+// An Engine owns one backend, its worker pool and tile cache, and the coefficient tile
+// store; any number of Renderers (one per image) share it. A Renderer turns
+// render(level, rect, display) into one batch per output tile: the coefficient tiles the
+// rectangle needs (plus the margins the filters reach) are encoded and uploaded on first
+// use, locked while the batch runs and left to the cache's LRU afterwards; the inverse
+// wavelet runs only the levels between the transform's top and the level asked for.
+//
+// Thread safety: Engine and Renderer are thread-safe; any number of threads may render at
+// once, each call building its own batches (the backend keeps one batch per host thread).
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "quorvel/zoom/display.hpp"
+#include "quorvel/zoom/encoder.hpp"
+#include "quorvel/zoom/geometry.hpp"
+#include "quorvel/zoom/image_source.hpp"
+#include "quorvel/zoom/pyramid.hpp"
+
+namespace quorvel::zoom {
+
+struct EngineOptions {
+  /// Backend worker threads.
+  size_t workers = 1;
+  /// Bytes of coefficient tiles the cache keeps beyond the tiles in use.
+  size_t cacheBytes = size_t{256} << 20;
+};
+
+/// Counters of an engine since it was made (all images together).
+struct EngineStats {
+  size_t blocksEncoded = 0;    // encoder runs (one per block with missing tiles)
+  size_t tileHits = 0;         // tile groups found in the cache
+  size_t tileMisses = 0;       // tile groups that had to be encoded
+  size_t tileEvictions = 0;    // tile groups encoded again after the cache dropped them
+  size_t tilesRendered = 0;    // output tiles (batches) rendered
+  size_t rendersInFlight = 0;  // render calls running now
+  size_t cacheBytes = 0;       // bytes held by the tile cache
+  size_t cacheCapacity = 0;    // its capacity in bytes
+};
+
+class Engine {
+ public:
+  explicit Engine(EngineOptions const& options);
+  ~Engine();
+  Engine(Engine const&) = delete;
+  Engine& operator=(Engine const&) = delete;
+
+  EngineStats stats() const;
+  size_t workers() const;
+
+  struct Impl;
+  Impl& impl() const { return *impl_; }
+
+ private:
+  std::unique_ptr<Impl> impl_;
+};
+
+struct RendererOptions {
+  /// Encoder tile (block) edge at each anchor level, a multiple of 2^levels.
+  size_t tile = 256;
+  /// Wavelet levels per transform (see Pyramid).
+  size_t levels = 3;
+  /// Largest output tile one batch renders; larger rectangles are cut into such tiles.
+  size_t outputTile = 256;
+};
+
+/// Pixels reconstructed and delivered by one renderer (for the margin cost).
+struct RenderCounters {
+  uint64_t delivered = 0;      // output pixels
+  uint64_t reconstructed = 0;  // pixels of the level shown reconstructed by the inverse
+  uint64_t samples = 0;        // samples reconstructed at every depth, per channel
+};
+
+class Renderer {
+ public:
+  /// Plans `source` on `engine`; opening reads nothing. Throws std::invalid_argument for
+  /// options the image cannot use.
+  Renderer(std::shared_ptr<Engine> engine, std::shared_ptr<ImageSource const> source,
+           RendererOptions const& options = {});
+  ~Renderer();
+  Renderer(Renderer const&) = delete;
+  Renderer& operator=(Renderer const&) = delete;
+
+  Pyramid const& pyramid() const { return pyramid_; }
+  size_t levels() const { return pyramid_.levels(); }
+  size_t width(size_t level = 0) const { return pyramid_.width(level); }
+  size_t height(size_t level = 0) const { return pyramid_.height(level); }
+  ImageSource const& source() const { return *source_; }
+
+  /// Renders `rect` of zoom level `level` (0: full resolution, k: reduced 2^k times) with
+  /// `display` into `rgba`: RGBA8, rows `stride` bytes apart (0: 4 * rect.width). The
+  /// result does not depend on how a caller cuts a region into rectangles. Throws
+  /// std::out_of_range for a level or rectangle outside the image, DisplayError for bad
+  /// display parameters, SourceError when the image cannot be read, and the backend's
+  /// exceptions when a batch fails.
+  void render(size_t level, Rect const& rect, Display const& display, uint8_t* rgba,
+              size_t stride = 0) const;
+  std::vector<uint8_t> render(size_t level, Rect const& rect, Display const& display) const;
+
+  RenderCounters counters() const;
+
+ private:
+  struct Job;
+  void renderTile(size_t level, Rect const& rect, Display const& display, Job& job) const;
+
+  std::shared_ptr<Engine> engine_;
+  std::shared_ptr<ImageSource const> source_;
+  RendererOptions options_;
+  Pyramid pyramid_;
+  size_t tileBase_;  // first backend tile id of this image
+  std::unique_ptr<WaveletEncoder> encoder_;
+  mutable std::atomic<uint64_t> delivered_{0}, reconstructed_{0}, samples_{0};
+};
+
+}  // namespace quorvel::zoom
