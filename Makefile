@@ -33,14 +33,15 @@ test-release: build
 test-asan: deps
 	cmake -S . -B build-asan $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 	  -DQUORVEL_SANITIZE="address;undefined" -DQUORVEL_TOOLS=OFF -DQUORVEL_PYTHON=OFF
-	cmake --build build-asan -j $(JOBS) --target quorvel_tests
+	cmake --build build-asan -j $(JOBS) --target quorvel_tests quorvel_host_tests
 	cd build-asan && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
 	  ctest --output-on-failure -j $(JOBS) -L unit
 
 test-tsan: deps
 	cmake -S . -B build-tsan $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 	  -DQUORVEL_SANITIZE=thread -DQUORVEL_TOOLS=OFF -DQUORVEL_PYTHON=OFF
-	cmake --build build-tsan -j $(JOBS) --target quorvel_concurrency_tests
+	cmake --build build-tsan -j $(JOBS) --target quorvel_concurrency_tests \
+	  quorvel_host_concurrency_tests
 	cd build-tsan && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -j $(JOBS) -L concurrency
 
 # The main job: a generated 4096 x 4096 slide encoded as wavelet tiles, streamed through the
