@@ -162,6 +162,51 @@ TEST(Renderer, SmallCacheEvictsAndReencodesTheSamePixels) {
   EXPECT_EQ(s.rendersInFlight, 0u);
 }
 
+// A source with levels of its own, each a different picture, so that a level taken from the
+// wrong anchor shows.
+class FakePyramid : public ImageSource {
+ public:
+  FakePyramid(size_t w, size_t h, std::vector<size_t> levels) : w_(w), h_(h), levels_(levels) {}
+  size_t width() const override { return w_; }
+  size_t height() const override { return h_; }
+  std::vector<size_t> nativeLevels() const override { return levels_; }
+  void read(size_t level, Rect const& rect, uint8_t* rgba) const override {
+    checkRead(level, rect);
+    size_t const lw = levelExtent(w_, level);
+    auto const all = busyImage(lw, levelExtent(h_, level), uint32_t(level) + 100);
+    for (size_t y = 0; y < rect.height; ++y) {
+      std::copy_n(&all[((rect.y + y) * lw + rect.x) * 4], rect.width * 4,
+                  rgba + y * rect.width * 4);
+    }
+  }
+  std::string description() const override { return "fake pyramid"; }
+
+ private:
+  size_t w_, h_;
+  std::vector<size_t> levels_;
+};
+
+TEST(Renderer, NativeLevelsStartTransformsOfTheirOwn) {
+  auto engine = makeEngine();
+  // Levels 2 and 3 are the source's own; with three wavelet levels per transform the
+  // anchors are 0, 3 (the coarsest native level within reach) and 6 (made from 3's).
+  auto source = std::make_shared<FakePyramid>(400, 300, std::vector<size_t>{0, 2, 3});
+  Renderer r(engine, source, {64, 3, 128});
+  EXPECT_EQ(r.pyramid().anchors(), (std::vector<size_t>{0, 3, 6, 9}));
+  for (size_t level : {0, 3}) {
+    size_t const w = r.width(level), h = r.height(level);
+    std::vector<uint8_t> own(w * h * 4);
+    source->read(level, {0, 0, w, h}, own.data());
+    EXPECT_EQ(firstDifference(r.render(level, {0, 0, w, h}, {}), own, w), "") << level;
+  }
+  // Level 4 is the low band of level 3's own pixels, not of level 0's.
+  size_t w3 = r.width(3), h3 = r.height(3), rw = 0, rh = 0;
+  std::vector<uint8_t> own3(w3 * h3 * 4);
+  source->read(3, {0, 0, w3, h3}, own3.data());
+  auto const expected = test::referenceLevel(own3, w3, h3, 1, rw, rh);
+  EXPECT_EQ(firstDifference(r.render(4, {0, 0, rw, rh}, {}), expected, rw), "");
+}
+
 TEST(Renderer, RefusesRequestsOutsideTheImage) {
   auto engine = makeEngine();
   Renderer r(engine, busySource(100, 80, 1), {64, 3, 64});
