@@ -122,14 +122,19 @@ size_t Pyramid::blocksY(size_t anchor) const { return (height(anchor) + tile_ - 
 Span Pyramid::blockSpan(size_t b, size_t blocks, size_t depth, size_t extent) const {
   auto const step = static_cast<int64_t>(tile_ >> depth);
   auto const begin = static_cast<int64_t>(b) * step;
-  int64_t const end = b + 1 == blocks ? static_cast<int64_t>(extent) : begin + step;
-  return {begin, end};
+  auto const end = static_cast<int64_t>(extent);
+  return {begin, b + 1 == blocks ? end : std::min(end, begin + step + kTileOverlap)};
 }
 
 Span Pyramid::blocksFor(Span span, size_t blocks, size_t depth) const {
   auto const step = static_cast<int64_t>(tile_ >> depth);
   auto const last = static_cast<int64_t>(blocks) - 1;
-  return {std::min(span.begin / step, last), std::min((span.end - 1) / step, last) + 1};
+  int64_t const first = std::min(span.begin / step, last);
+  // Tile b holds pair indices up to (b + 1) step + overlap - 1: the first tile that reaches
+  // the span's end is the last one needed.
+  int64_t const reach = span.end - kTileOverlap;
+  int64_t const end = reach <= 0 ? 0 : (reach + step - 1) / step - 1;
+  return {first, std::clamp(end, first, last) + 1};
 }
 
 size_t Pyramid::tileId(size_t anchor, size_t depth, size_t bx, size_t by, Band band,

@@ -17,8 +17,11 @@
 // edges included.
 //
 // Tiles: the anchor level is cut into blocks of `tile` pixels; the depth-d tile of a block
-// holds pair indices [b * tile / 2^d, (b + 1) * tile / 2^d) (the last block of a row or
-// column runs on to K). Each tile is one int16 plane of one band of one channel.
+// holds pair indices [b * tile / 2^d, (b + 1) * tile / 2^d + kTileOverlap) (the last block
+// of a row or column runs on to K). Each tile is one int16 plane of one band of one channel.
+// The overlap is what the inverse of an output tile aligned on the block grid reads past
+// its own block (two to four elements): such a render draws one tile per band instead of
+// two to four, and copies no band data it does not read.
 
 #include <cstddef>
 #include <cstdint>
@@ -31,6 +34,9 @@ namespace quorvel::zoom {
 /// The four bands of a depth: low/high horizontally, then low/high vertically. Only the
 /// coarsest depth of a transform stores kLowLow; the others get it from the depth above.
 enum class Band : uint8_t { kLowLow = 0, kHighLow = 1, kLowHigh = 2, kHighHigh = 3 };
+
+/// Pair indices a depth's tile holds past the next block's first one.
+constexpr int64_t kTileOverlap = 4;
 
 /// A half-open range [begin, end) of indices along one axis.
 struct Span {
