@@ -141,7 +141,7 @@ Renderer::Renderer(std::shared_ptr<Engine> engine, std::shared_ptr<ImageSource c
 Renderer::~Renderer() = default;
 
 RenderCounters Renderer::counters() const {
-  return {delivered_.load(), reconstructed_.load(), samples_.load()};
+  return {delivered_.load(), reconstructed3_.load() / 3, samples_.load()};
 }
 
 std::vector<uint8_t> Renderer::render(size_t level, Rect const& rect,
@@ -245,8 +245,17 @@ void Renderer::renderTile(size_t level, Rect const& r, Display const& display, J
   for (size_t d = 0; d <= top; ++d) {
     wx[d] = int64_t(pyramid_.width(anchor + d)), hy[d] = int64_t(pyramid_.height(anchor + d));
   }
-  auto const stepsX = planInverse(spanX(e), first, top, wx, true);
-  auto const stepsY = planInverse(spanY(e), first, top, hy, false);
+  // CLAHE equalises the luma only: the chroma channels are reconstructed over `s` alone.
+  struct Plan {
+    std::vector<AxisStep> x, y;
+  };
+  Plan const luma{planInverse(spanX(e), first, top, wx, true),
+                  planInverse(spanY(e), first, top, hy, false)};
+  Plan const chroma = e == s ? luma
+                             : Plan{planInverse(spanX(s), first, top, wx, true),
+                                    planInverse(spanY(s), first, top, hy, false)};
+  auto const& stepsX = luma.x;
+  auto const& stepsY = luma.y;
 
   // The coefficient tiles every depth reads, resident and locked for this batch.
   std::vector<Impl::Unit> units;
@@ -273,62 +282,65 @@ void Renderer::renderTile(size_t level, Rect const& r, Display const& display, J
   // target; the detail bands and the column passes are shared by the channels in turn.
   uint64_t samples = 0;
   for (size_t d = top; d >= first; --d) {
-    AxisStep const& sx = stepsX[d - first];
-    AxisStep const& sy = stepsY[d - first];
-    Span const bx = pyramid_.blocksFor({sx.k0, sx.k0 + sx.nb}, pyramid_.blocksX(anchor), d);
-    Span const by = pyramid_.blocksFor({sy.k0, sy.k0 + sy.nb}, pyramid_.blocksY(anchor), d);
-    size_t const kx = pyramid_.bandExtentX(anchor, d), ky = pyramid_.bandExtentY(anchor, d);
-    auto draw = [&](size_t target, Band band, size_t c) {
-      for (int64_t j = by.begin; j < by.end; ++j) {
-        Span const ty = pyramid_.blockSpan(size_t(j), pyramid_.blocksY(anchor), d, ky);
-        for (int64_t i = bx.begin; i < bx.end; ++i) {
-          Span const tx = pyramid_.blockSpan(size_t(i), pyramid_.blocksX(anchor), d, kx);
-          size_t const id = tileBase_ + pyramid_.tileId(anchor, d, size_t(i), size_t(j), band, c);
-          // The tile lands at its pair indices relative to the window; the parts outside the
-          // target are clipped, those inside it but outside the window are never read.
-          inst.drawTiles(
-              target, impl.blit16, {size_t(sx.k0), size_t(sx.nb), size_t(sy.k0), size_t(sy.nb)},
-              {0, size_t(sx.nb), 0, size_t(sy.nb)}, {size_t(tx.size()), size_t(ty.size())},
-              {{0, 0}}, {id}, {size_t(tx.begin), size_t(ty.begin)});
-        }
-      }
-    };
     for (size_t c = 0; c < 3; ++c) {
-      if (d == top) draw(ws.ll[c], Band::kLowLow, c);
-      draw(ws.hl, Band::kHighLow, c);
-      draw(ws.lh, Band::kLowHigh, c);
-      draw(ws.hh, Band::kHighHigh, c);
-      size_t const nbx = size_t(sx.nb), nby = size_t(sy.nb);
-      size_t const clipTop = size_t(-sy.shift), clipBottom = size_t(2 * sy.nb - sy.h);
-      // Columns: approximation over LH gives the low-pass columns, HL over HH the high-pass
-      // ones; then rows, into the approximation target the next depth reads.
-      inst.executeFilter(impl.vertical, {at(ws.ll[c], 0, 0), at(ws.lh, 0, 0)}, nbx, nby,
-                         ws.columnsLow, 0, 0, clipTop, clipBottom, none, {0, 0});
-      inst.executeFilter(impl.vertical, {at(ws.hl, 0, 0), at(ws.hh, 0, 0)}, nbx, nby,
-                         ws.columnsHigh, 0, 0, clipTop, clipBottom, none, {0, 0});
-      inst.executeFilter(impl.horizontal, {at(ws.columnsLow, 0, 0), at(ws.columnsHigh, 0, 0)}, nbx,
-                         size_t(sy.rows), ws.ll[c], size_t(-sx.shift), size_t(2 * sx.nb - sx.h), 0,
-                         0, none, {0, 0});
-      if (d > first) {
-        // The next depth reads one approximation sample past the image: the transform's
-        // extension there repeats the last sample (in the corner too).
-        AxisStep const& nx1 = stepsX[d - 1 - first];
-        AxisStep const& ny1 = stepsY[d - 1 - first];
-        size_t const cols = size_t(sx.rows), rows = size_t(sy.rows);
-        if (nx1.pad) {
-          inst.executeFilter(impl.blit16, {at(ws.ll[c], int64_t(cols) - 1, 0)}, 1, rows, ws.ll[c],
-                             0, 0, 0, 0, none, {cols, 0});
+      Plan const& plan = c == 0 ? luma : chroma;
+      AxisStep const& sx = plan.x[d - first];
+      AxisStep const& sy = plan.y[d - first];
+      Span const bx = pyramid_.blocksFor({sx.k0, sx.k0 + sx.nb}, pyramid_.blocksX(anchor), d);
+      Span const by = pyramid_.blocksFor({sy.k0, sy.k0 + sy.nb}, pyramid_.blocksY(anchor), d);
+      size_t const kx = pyramid_.bandExtentX(anchor, d), ky = pyramid_.bandExtentY(anchor, d);
+      auto draw = [&](size_t target, Band band, size_t c) {
+        for (int64_t j = by.begin; j < by.end; ++j) {
+          Span const ty = pyramid_.blockSpan(size_t(j), pyramid_.blocksY(anchor), d, ky);
+          for (int64_t i = bx.begin; i < bx.end; ++i) {
+            Span const tx = pyramid_.blockSpan(size_t(i), pyramid_.blocksX(anchor), d, kx);
+            size_t const id = tileBase_ + pyramid_.tileId(anchor, d, size_t(i), size_t(j), band, c);
+            // The tile lands at its pair indices relative to the window; the parts outside the
+            // target are clipped, those inside it but outside the window are never read.
+            inst.drawTiles(
+                target, impl.blit16, {size_t(sx.k0), size_t(sx.nb), size_t(sy.k0), size_t(sy.nb)},
+                {0, size_t(sx.nb), 0, size_t(sy.nb)}, {size_t(tx.size()), size_t(ty.size())},
+                {{0, 0}}, {id}, {size_t(tx.begin), size_t(ty.begin)});
+          }
         }
-        if (ny1.pad) {
-          inst.executeFilter(impl.blit16, {at(ws.ll[c], 0, int64_t(rows) - 1)},
-                             cols + (nx1.pad ? 1 : 0), 1, ws.ll[c], 0, 0, 0, 0, none, {0, rows});
+      };
+      {
+        if (d == top) draw(ws.ll[c], Band::kLowLow, c);
+        draw(ws.hl, Band::kHighLow, c);
+        draw(ws.lh, Band::kLowHigh, c);
+        draw(ws.hh, Band::kHighHigh, c);
+        size_t const nbx = size_t(sx.nb), nby = size_t(sy.nb);
+        size_t const clipTop = size_t(-sy.shift), clipBottom = size_t(2 * sy.nb - sy.h);
+        // Columns: approximation over LH gives the low-pass columns, HL over HH the high-pass
+        // ones; then rows, into the approximation target the next depth reads.
+        inst.executeFilter(impl.vertical, {at(ws.ll[c], 0, 0), at(ws.lh, 0, 0)}, nbx, nby,
+                           ws.columnsLow, 0, 0, clipTop, clipBottom, none, {0, 0});
+        inst.executeFilter(impl.vertical, {at(ws.hl, 0, 0), at(ws.hh, 0, 0)}, nbx, nby,
+                           ws.columnsHigh, 0, 0, clipTop, clipBottom, none, {0, 0});
+        inst.executeFilter(impl.horizontal, {at(ws.columnsLow, 0, 0), at(ws.columnsHigh, 0, 0)},
+                           nbx, size_t(sy.rows), ws.ll[c], size_t(-sx.shift),
+                           size_t(2 * sx.nb - sx.h), 0, 0, none, {0, 0});
+        if (d > first) {
+          // The next depth reads one approximation sample past the image: the transform's
+          // extension there repeats the last sample (in the corner too).
+          AxisStep const& nx1 = plan.x[d - 1 - first];
+          AxisStep const& ny1 = plan.y[d - 1 - first];
+          size_t const cols = size_t(sx.rows), rows = size_t(sy.rows);
+          if (nx1.pad) {
+            inst.executeFilter(impl.blit16, {at(ws.ll[c], int64_t(cols) - 1, 0)}, 1, rows, ws.ll[c],
+                               0, 0, 0, 0, none, {cols, 0});
+          }
+          if (ny1.pad) {
+            inst.executeFilter(impl.blit16, {at(ws.ll[c], 0, int64_t(rows) - 1)},
+                               cols + (nx1.pad ? 1 : 0), 1, ws.ll[c], 0, 0, 0, 0, none, {0, rows});
+          }
         }
       }
+      samples += uint64_t(sx.rows) * uint64_t(sy.rows);
     }
-    samples += uint64_t(sx.rows) * uint64_t(sy.rows) * 3;
   }
   samples_ += samples;
-  reconstructed_ += e.width * e.height;
+  reconstructed3_ += e.width * e.height + 2 * s.width * s.height;
 
   // YCoCg, equalised where asked: CLAHE works on the whole of its source buffer, so its
   // source is a target of exactly the region's size.
@@ -336,8 +348,18 @@ void Renderer::renderTile(size_t level, Rect const& r, Display const& display, J
   if (equalise) {
     job.claheTarget =
         inst.createTarget({e.width, e.height}, 48, true, Filtering::kNone, Format::kYCoCg16);
+    // The chroma planes move to where `s` lies in the region; the rest of them is never read
+    // (CLAHE passes chroma through, and only `s` goes on).
+    std::array<size_t, 3> planes = ws.ll;
+    if (e != s) {
+      planes[1] = ws.hl, planes[2] = ws.lh;
+      for (size_t c = 1; c < 3; ++c) {
+        inst.executeFilter(impl.blit16, {at(ws.ll[c], 0, 0)}, s.width, s.height, planes[c], 0, 0, 0,
+                           0, none, {s.x - e.x, s.y - e.y});
+      }
+    }
     inst.executeFilter(impl.interleave,
-                       {at(ws.ll[0], 0, 0), at(ws.ll[1], 0, 0), at(ws.ll[2], 0, 0)}, e.width,
+                       {at(planes[0], 0, 0), at(planes[1], 0, 0), at(planes[2], 0, 0)}, e.width,
                        e.height, job.claheTarget, 0, 0, 0, 0, none, {0, 0});
     ws.claheParams.clipLimit = *display.clahe;
     inst.executeFilter(impl.clahe, {at(job.claheTarget, 0, 0)}, e.width, e.height, y48, 0, 0, 0, 0,

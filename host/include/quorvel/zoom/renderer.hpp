@@ -72,9 +72,11 @@ struct RendererOptions {
 
 /// Pixels reconstructed and delivered by one renderer (for the margin cost).
 struct RenderCounters {
-  uint64_t delivered = 0;      // output pixels
-  uint64_t reconstructed = 0;  // pixels of the level shown reconstructed by the inverse
-  uint64_t samples = 0;        // samples reconstructed at every depth, per channel
+  uint64_t delivered = 0;  // output pixels
+  /// Pixels of the level shown reconstructed by the inverse, each channel counting a third
+  /// (CLAHE's context needs the luma only).
+  uint64_t reconstructed = 0;
+  uint64_t samples = 0;  // samples reconstructed at every depth, all channels
 };
 
 class Renderer {
@@ -115,7 +117,7 @@ class Renderer {
   Pyramid pyramid_;
   size_t tileBase_;  // first backend tile id of this image
   std::unique_ptr<WaveletEncoder> encoder_;
-  mutable std::atomic<uint64_t> delivered_{0}, reconstructed_{0}, samples_{0};
+  mutable std::atomic<uint64_t> delivered_{0}, reconstructed3_{0}, samples_{0};
 };
 
 }  // namespace quorvel::zoom
