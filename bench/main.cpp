@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "host_rows.hpp"
 #include "kernel_rows.hpp"
 #include "side_by_side.hpp"
 #include "system_rows.hpp"
@@ -108,6 +109,7 @@ int main(int argc, char** argv) {
   Registry& rows = registry();
   registerKernelRows(rows);
   registerSystemRows(rows);
+  registerHostRows(rows);
 
   std::regex selection;
   try {

@@ -16,6 +16,8 @@
 namespace py = pybind11;
 using namespace quorvel;
 
+void bindZoom(py::module& m);
+
 namespace {
 
 using Instance = RenderBackendInstance;
@@ -124,6 +126,7 @@ PYBIND11_MODULE(quorvel, m) {
       error(formatException(e).c_str());
     }
   });
+  bindZoom(m);
   m.def(
       "format_exception_text",
       [](std::string const& text) { return formatException(QuorvelException(text)); },

@@ -59,6 +59,10 @@ std::string const& startVips() {
     // The operation cache would keep decoded pipelines and open files of every image ever
     // opened; each source keeps its own pipelines alive instead.
     vips_cache_set_max(0);
+    // Parallelism comes from the callers, each reading its own region; inside one call
+    // libvips works on one thread, which also makes a decode error of a file that is
+    // decoded whole (PNG, JPEG) reach the read that caused it every time.
+    vips_concurrency_set(1);
   });
   return failure;
 }
