@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <random>
 
 #include "support/images.hpp"
@@ -221,6 +222,42 @@ TEST(Renderer, RefusesRequestsOutsideTheImage) {
   EXPECT_NO_THROW(r.render(0, {0, 0, 100, 80}, combination(3)));
   EXPECT_EQ(engine->stats().rendersInFlight, 0u);
   EXPECT_THROW(Renderer(engine, busySource(10, 10, 1), {100, 3, 64}), std::invalid_argument);
+}
+
+size_t residentBytes() {
+  std::ifstream statm("/proc/self/statm");
+  size_t pages = 0, resident = 0;
+  statm >> pages >> resident;
+  return resident * 4096;
+}
+
+// Random views of every level of a 65536 x 65536 slide through a 16 MiB cache: the cache
+// holds no more than its capacity once nothing is locked, and the process grows by less
+// than the cache plus the per-render bound the README states (workspaces, encoder scratch,
+// locked tiles: about 12 MiB per render in flight, two workers here).
+TEST(Renderer, AHugeSlideStaysWithinTheCacheAndAStatedBound) {
+  size_t const cache = size_t{16} << 20;
+  auto engine = std::make_shared<Engine>(EngineOptions{2, cache});
+  Renderer r(engine, std::make_shared<ProceduralSlide>(65536, 65536, 3), {256, 3, 256});
+  std::mt19937 rng(5);
+  Display enhanced = combination(1 | 2 | 4);
+  auto view = [&] {
+    size_t const level = rng() % r.levels();
+    size_t const w = r.width(level), h = r.height(level);
+    size_t const x = (rng() % ((w + 255) / 256)) * 256, y = (rng() % ((h + 255) / 256)) * 256;
+    Rect const rect{x, y, std::min<size_t>(256, w - x), std::min<size_t>(256, h - y)};
+    r.render(level, rect, rng() % 2 ? enhanced : Display{});
+  };
+  for (int i = 0; i < 8; ++i) view();
+  size_t const before = residentBytes();
+  for (int i = 0; i < 40; ++i) view();
+  EngineStats const s = engine->stats();
+  EXPECT_LE(s.cacheBytes, cache);
+  EXPECT_GT(s.tileEvictions + s.tileMisses, 40u);
+#ifndef QUORVEL_PLAIN_ALLOCATOR  // the sanitizers' allocators keep freed memory resident
+  size_t const grown = residentBytes() - std::min(before, residentBytes());
+  EXPECT_LT(grown, cache + (size_t{40} << 20)) << "bytes";
+#endif
 }
 
 TEST(Renderer, MarginsCostLittleForLargeOutputTiles) {
