@@ -10,6 +10,7 @@ cmake -S "$source_dir/tests/install/consumer" -B "$scratch/build" -DCMAKE_PREFIX
   -DCMAKE_BUILD_TYPE=Release >/dev/null
 cmake --build "$scratch/build" >/dev/null
 "$scratch/build/consumer"
+"$scratch/build/zoom_consumer"
 PKG_CONFIG_PATH="$scratch/prefix/lib/pkgconfig" pkg-config --cflags quorvel-render | grep -q "$scratch/prefix/"
 # The Python module, where it was built, imports from the prefix with the usual PYTHONPATH.
 if ls "$scratch"/prefix/lib/python3/dist-packages/quorvel*.so >/dev/null 2>&1; then
