@@ -249,7 +249,7 @@ TEST(Renderer, AHugeSlideStaysWithinTheCacheAndAStatedBound) {
     r.render(level, rect, rng() % 2 ? enhanced : Display{});
   };
   for (int i = 0; i < 8; ++i) view();
-  size_t const before = residentBytes();
+  [[maybe_unused]] size_t const before = residentBytes();
   for (int i = 0; i < 40; ++i) view();
   EngineStats const s = engine->stats();
   EXPECT_LE(s.cacheBytes, cache);
