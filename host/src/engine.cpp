@@ -56,6 +56,7 @@ Engine::Impl::Impl(EngineOptions const& options)
 Engine::Impl::~Impl() {
   std::lock_guard<std::mutex> lock(workspaceMutex);
   for (auto& w : idle) w->erase(*instance);
+  for (auto const& t : convertTargets) instance->eraseTarget(t.id);
   instance->finalizeDrawSequence();
 }
 
@@ -77,23 +78,44 @@ void Engine::Impl::convert(uint8_t const* rgba, size_t w, size_t h, int16_t* yco
     instance->synchronizeConcurrentStagingBuffer(std::move(staging));
     instance->lockTile(id);
   }
-  size_t const target =
-      instance->createTarget({w, h}, 48, true, Filtering::kNone, Format::kYCoCg16);
-  instance->drawTiles(target, toYCoCg, {0, w, 0, h}, {0, w, 0, h}, {w, h}, {{0, 0}}, {id}, {});
+  ConvertTarget target{SIZE_MAX, 0, 0};
+  {
+    std::lock_guard<std::mutex> lock(convertMutex);
+    for (auto it = convertTargets.begin(); it != convertTargets.end(); ++it) {
+      if (it->w >= w && it->h >= h) {
+        target = *it;
+        convertTargets.erase(it);
+        break;
+      }
+    }
+  }
+  if (target.id == SIZE_MAX) {
+    target = {instance->createTarget({w, h}, 48, true, Filtering::kNone, Format::kYCoCg16), w, h};
+  }
+  instance->drawTiles(target.id, toYCoCg, {0, w, 0, h}, {0, w, 0, h}, {w, h}, {{0, 0}}, {id}, {});
   instance->finalizeDrawSequence();
   {
     std::lock_guard<std::mutex> lock(storeMutex);
     instance->eraseTile(id);  // the queued job holds the pixels
   }
-  try {
-    instance->getPixels(ycocg, w * h * 6, target, {0, w, 0, h});
-  } catch (...) {
-    instance->eraseTarget(target);
-    instance->finalizeDrawSequence();
-    throw;
-  }
-  instance->eraseTarget(target);
-  instance->finalizeDrawSequence();
+  bool failed = true;
+  struct Done {
+    Impl& impl;
+    ConvertTarget target;
+    bool const& failed;
+    ~Done() {
+      std::lock_guard<std::mutex> lock(impl.convertMutex);
+      // A target whose job failed keeps its error; a spare beyond a few per worker goes.
+      if (failed || impl.convertTargets.size() > impl.context.numberOfWorkerThreads() + 2) {
+        impl.instance->eraseTarget(target.id);
+        impl.instance->finalizeDrawSequence();
+      } else {
+        impl.convertTargets.push_back(target);
+      }
+    }
+  } done{*this, target, failed};
+  instance->getPixels(ycocg, w * h * 6, target.id, {0, w, 0, h});
+  failed = false;
 }
 
 // ---------------------------------------------------------------------------------------

@@ -39,6 +39,14 @@ struct Engine::Impl {
   /// RGBA8 to interleaved YCoCg16 through the backend's colour filter. Thread-safe.
   void convert(uint8_t const* rgba, size_t w, size_t h, int16_t* ycocg);
 
+  /// YCoCg16 targets of the conversion, kept for reuse: encoder regions are nearly all the
+  /// same size, and a new target each time cost an allocation and its page faults.
+  struct ConvertTarget {
+    size_t id, w, h;
+  };
+  std::mutex convertMutex;
+  std::vector<ConvertTarget> convertTargets;
+
   // ---- tile store ---------------------------------------------------------------------
   /// The tiles of one depth of one block: bands x channels consecutive tile ids.
   struct Unit {
