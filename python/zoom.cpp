@@ -40,10 +40,7 @@ Display display(std::optional<double> gamma, std::string const& gammaMode,
     throw DisplayError("gamma_mode must be 'srgb' or 'linear'");
   }
   d.gammaMode = gammaMode == "linear" ? Display::GammaMode::kLinear : Display::GammaMode::kSrgb;
-  d.gamma = gamma || black || white;
-  d.gammaValue = gamma.value_or(1.0);
-  d.black = black.value_or(0);
-  d.white = white.value_or(d.maxLevel());
+  d.setLevels(gamma, black, white);
   d.sharpen = sharpen;
   d.clahe = clahe;
   if (matrix) {

@@ -51,14 +51,25 @@ std::string Display::key() const {
     k += number(matrixScale);
   }
   if (sharpen) k += "s" + number(*sharpen);
-  if (mask) {
-    k += "k";
-    for (auto const& r : *mask) {
-      k += std::to_string(r.xmin) + "," + std::to_string(r.xmax) + "," + std::to_string(r.ymin) +
-           "," + std::to_string(r.ymax) + ";";
-    }
+  if (mask) k += maskKey();
+  return k;
+}
+
+std::string Display::maskKey() const {
+  std::string k = "k";
+  for (auto const& r : mask.value_or(std::vector<MaskRect>{})) {
+    k += std::to_string(r.xmin) + "," + std::to_string(r.xmax) + "," + std::to_string(r.ymin) +
+         "," + std::to_string(r.ymax) + ";";
   }
   return k;
+}
+
+void Display::setLevels(std::optional<double> gammaValue, std::optional<size_t> blackLevel,
+                        std::optional<size_t> whiteLevel) {
+  gamma = gammaValue || blackLevel || whiteLevel;
+  this->gammaValue = gammaValue.value_or(1.0);
+  black = blackLevel.value_or(0);
+  white = whiteLevel.value_or(maxLevel());
 }
 
 void parseMatrix(std::string const& text, Display& display) {

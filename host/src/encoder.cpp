@@ -150,17 +150,10 @@ Grid crop(Grid const& g, Span x, Span y) {
   return out;
 }
 
-Rect rectOf(Span x, Span y) {
-  return {static_cast<size_t>(x.begin), static_cast<size_t>(y.begin), static_cast<size_t>(x.size()),
-          static_cast<size_t>(y.size())};
-}
-
 Planes toGrids(YCoCgPlanes const& p) {
   Planes g;
-  Span const x{int64_t(p.rect.x), int64_t(p.rect.right())};
-  Span const y{int64_t(p.rect.y), int64_t(p.rect.bottom())};
   for (size_t c = 0; c < 3; ++c) {
-    g[c] = Grid(x, y);
+    g[c] = Grid(spanX(p.rect), spanY(p.rect));
     std::copy(p.channels[c].samples.begin(), p.channels[c].samples.end(), g[c].v.get());
   }
   return g;

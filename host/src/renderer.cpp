@@ -20,12 +20,6 @@ FilterSource at(size_t target, int64_t x, int64_t y) {
   return {target, static_cast<size_t>(x), static_cast<size_t>(y), false};
 }
 
-Span spanX(Rect const& r) { return {int64_t(r.x), int64_t(r.right())}; }
-Span spanY(Rect const& r) { return {int64_t(r.y), int64_t(r.bottom())}; }
-Rect rectOf(Span x, Span y) {
-  return {size_t(x.begin), size_t(y.begin), size_t(x.size()), size_t(y.size())};
-}
-
 int64_t floorDiv(int64_t a, int64_t b) { return a >= 0 ? a / b : -((-a + b - 1) / b); }
 
 // One inverse level along one axis: it reads pair indices [k0, k0 + nb) of the bands and
@@ -117,7 +111,6 @@ struct Renderer::Job {
   Rect rect;
   std::unique_ptr<Impl::Workspace> workspace;
   Impl::Lease lease;
-  size_t claheTarget = SIZE_MAX;
 };
 
 Renderer::Renderer(std::shared_ptr<Engine> engine, std::shared_ptr<ImageSource const> source,
@@ -254,16 +247,19 @@ void Renderer::renderTile(size_t level, Rect const& r, Display const& display, J
   Plan const chroma = e == s ? luma
                              : Plan{planInverse(spanX(s), first, top, wx, true),
                                     planInverse(spanY(s), first, top, hy, false)};
-  auto const& stepsX = luma.x;
-  auto const& stepsY = luma.y;
+  // The blocks whose tiles hold a depth's windows.
+  auto blocksX = [&](AxisStep const& step, size_t d) {
+    return pyramid_.blocksFor({step.k0, step.k0 + step.nb}, pyramid_.blocksX(anchor), d);
+  };
+  auto blocksY = [&](AxisStep const& step, size_t d) {
+    return pyramid_.blocksFor({step.k0, step.k0 + step.nb}, pyramid_.blocksY(anchor), d);
+  };
 
-  // The coefficient tiles every depth reads, resident and locked for this batch.
+  // The coefficient tiles every depth reads, resident and locked for this batch. The luma's
+  // windows hold the chroma's.
   std::vector<Impl::Unit> units;
   for (size_t d = first; d <= top; ++d) {
-    AxisStep const& sx = stepsX[d - first];
-    AxisStep const& sy = stepsY[d - first];
-    Span const bx = pyramid_.blocksFor({sx.k0, sx.k0 + sx.nb}, pyramid_.blocksX(anchor), d);
-    Span const by = pyramid_.blocksFor({sy.k0, sy.k0 + sy.nb}, pyramid_.blocksY(anchor), d);
+    Span const bx = blocksX(luma.x[d - first], d), by = blocksY(luma.y[d - first], d);
     for (int64_t j = by.begin; j < by.end; ++j) {
       for (int64_t i = bx.begin; i < bx.end; ++i) {
         Impl::Unit u;
@@ -286,10 +282,9 @@ void Renderer::renderTile(size_t level, Rect const& r, Display const& display, J
       Plan const& plan = c == 0 ? luma : chroma;
       AxisStep const& sx = plan.x[d - first];
       AxisStep const& sy = plan.y[d - first];
-      Span const bx = pyramid_.blocksFor({sx.k0, sx.k0 + sx.nb}, pyramid_.blocksX(anchor), d);
-      Span const by = pyramid_.blocksFor({sy.k0, sy.k0 + sy.nb}, pyramid_.blocksY(anchor), d);
+      Span const bx = blocksX(sx, d), by = blocksY(sy, d);
       size_t const kx = pyramid_.bandExtentX(anchor, d), ky = pyramid_.bandExtentY(anchor, d);
-      auto draw = [&](size_t target, Band band, size_t c) {
+      auto draw = [&](size_t target, Band band) {
         for (int64_t j = by.begin; j < by.end; ++j) {
           Span const ty = pyramid_.blockSpan(size_t(j), pyramid_.blocksY(anchor), d, ky);
           for (int64_t i = bx.begin; i < bx.end; ++i) {
@@ -304,36 +299,34 @@ void Renderer::renderTile(size_t level, Rect const& r, Display const& display, J
           }
         }
       };
-      {
-        if (d == top) draw(ws.ll[c], Band::kLowLow, c);
-        draw(ws.hl, Band::kHighLow, c);
-        draw(ws.lh, Band::kLowHigh, c);
-        draw(ws.hh, Band::kHighHigh, c);
-        size_t const nbx = size_t(sx.nb), nby = size_t(sy.nb);
-        size_t const clipTop = size_t(-sy.shift), clipBottom = size_t(2 * sy.nb - sy.h);
-        // Columns: approximation over LH gives the low-pass columns, HL over HH the high-pass
-        // ones; then rows, into the approximation target the next depth reads.
-        inst.executeFilter(impl.vertical, {at(ws.ll[c], 0, 0), at(ws.lh, 0, 0)}, nbx, nby,
-                           ws.columnsLow, 0, 0, clipTop, clipBottom, none, {0, 0});
-        inst.executeFilter(impl.vertical, {at(ws.hl, 0, 0), at(ws.hh, 0, 0)}, nbx, nby,
-                           ws.columnsHigh, 0, 0, clipTop, clipBottom, none, {0, 0});
-        inst.executeFilter(impl.horizontal, {at(ws.columnsLow, 0, 0), at(ws.columnsHigh, 0, 0)},
-                           nbx, size_t(sy.rows), ws.ll[c], size_t(-sx.shift),
-                           size_t(2 * sx.nb - sx.h), 0, 0, none, {0, 0});
-        if (d > first) {
-          // The next depth reads one approximation sample past the image: the transform's
-          // extension there repeats the last sample (in the corner too).
-          AxisStep const& nx1 = plan.x[d - 1 - first];
-          AxisStep const& ny1 = plan.y[d - 1 - first];
-          size_t const cols = size_t(sx.rows), rows = size_t(sy.rows);
-          if (nx1.pad) {
-            inst.executeFilter(impl.blit16, {at(ws.ll[c], int64_t(cols) - 1, 0)}, 1, rows, ws.ll[c],
-                               0, 0, 0, 0, none, {cols, 0});
-          }
-          if (ny1.pad) {
-            inst.executeFilter(impl.blit16, {at(ws.ll[c], 0, int64_t(rows) - 1)},
-                               cols + (nx1.pad ? 1 : 0), 1, ws.ll[c], 0, 0, 0, 0, none, {0, rows});
-          }
+      if (d == top) draw(ws.ll[c], Band::kLowLow);
+      draw(ws.hl, Band::kHighLow);
+      draw(ws.lh, Band::kLowHigh);
+      draw(ws.hh, Band::kHighHigh);
+      size_t const nbx = size_t(sx.nb), nby = size_t(sy.nb);
+      size_t const clipTop = size_t(-sy.shift), clipBottom = size_t(2 * sy.nb - sy.h);
+      // Columns: approximation over LH gives the low-pass columns, HL over HH the high-pass
+      // ones; then rows, into the approximation target the next depth reads.
+      inst.executeFilter(impl.vertical, {at(ws.ll[c], 0, 0), at(ws.lh, 0, 0)}, nbx, nby,
+                         ws.columnsLow, 0, 0, clipTop, clipBottom, none, {0, 0});
+      inst.executeFilter(impl.vertical, {at(ws.hl, 0, 0), at(ws.hh, 0, 0)}, nbx, nby,
+                         ws.columnsHigh, 0, 0, clipTop, clipBottom, none, {0, 0});
+      inst.executeFilter(impl.horizontal, {at(ws.columnsLow, 0, 0), at(ws.columnsHigh, 0, 0)}, nbx,
+                         size_t(sy.rows), ws.ll[c], size_t(-sx.shift), size_t(2 * sx.nb - sx.h), 0,
+                         0, none, {0, 0});
+      if (d > first) {
+        // The next depth reads one approximation sample past the image: the transform's
+        // extension there repeats the last sample (in the corner too).
+        AxisStep const& nx1 = plan.x[d - 1 - first];
+        AxisStep const& ny1 = plan.y[d - 1 - first];
+        size_t const cols = size_t(sx.rows), rows = size_t(sy.rows);
+        if (nx1.pad) {
+          inst.executeFilter(impl.blit16, {at(ws.ll[c], int64_t(cols) - 1, 0)}, 1, rows, ws.ll[c],
+                             0, 0, 0, 0, none, {cols, 0});
+        }
+        if (ny1.pad) {
+          inst.executeFilter(impl.blit16, {at(ws.ll[c], 0, int64_t(rows) - 1)},
+                             cols + (nx1.pad ? 1 : 0), 1, ws.ll[c], 0, 0, 0, 0, none, {0, rows});
         }
       }
       samples += uint64_t(sx.rows) * uint64_t(sy.rows);
@@ -345,30 +338,27 @@ void Renderer::renderTile(size_t level, Rect const& r, Display const& display, J
   // YCoCg, equalised where asked: CLAHE works on the whole of its source buffer, so its
   // source is a target of exactly the region's size.
   size_t const y48 = ws.ycocg;
-  if (equalise) {
-    job.claheTarget =
-        inst.createTarget({e.width, e.height}, 48, true, Filtering::kNone, Format::kYCoCg16);
+  std::array<size_t, 3> planes = ws.ll;
+  if (e != s) {
     // The chroma planes move to where `s` lies in the region; the rest of them is never read
     // (CLAHE passes chroma through, and only `s` goes on).
-    std::array<size_t, 3> planes = ws.ll;
-    if (e != s) {
-      planes[1] = ws.hl, planes[2] = ws.lh;
-      for (size_t c = 1; c < 3; ++c) {
-        inst.executeFilter(impl.blit16, {at(ws.ll[c], 0, 0)}, s.width, s.height, planes[c], 0, 0, 0,
-                           0, none, {s.x - e.x, s.y - e.y});
-      }
+    planes[1] = ws.hl, planes[2] = ws.lh;
+    for (size_t c = 1; c < 3; ++c) {
+      inst.executeFilter(impl.blit16, {at(ws.ll[c], 0, 0)}, s.width, s.height, planes[c], 0, 0, 0,
+                         0, none, {s.x - e.x, s.y - e.y});
     }
-    inst.executeFilter(impl.interleave,
-                       {at(planes[0], 0, 0), at(planes[1], 0, 0), at(planes[2], 0, 0)}, e.width,
-                       e.height, job.claheTarget, 0, 0, 0, 0, none, {0, 0});
+  }
+  size_t const claheSource = equalise ? inst.createTarget({e.width, e.height}, 48, true,
+                                                          Filtering::kNone, Format::kYCoCg16)
+                                      : y48;
+  inst.executeFilter(impl.interleave,
+                     {at(planes[0], 0, 0), at(planes[1], 0, 0), at(planes[2], 0, 0)}, e.width,
+                     e.height, claheSource, 0, 0, 0, 0, none, {0, 0});
+  if (equalise) {
     ws.claheParams.clipLimit = *display.clahe;
-    inst.executeFilter(impl.clahe, {at(job.claheTarget, 0, 0)}, e.width, e.height, y48, 0, 0, 0, 0,
+    inst.executeFilter(impl.clahe, {at(claheSource, 0, 0)}, e.width, e.height, y48, 0, 0, 0, 0,
                        ws.claheParams, {0, 0});
-    inst.eraseTarget(job.claheTarget);
-  } else {
-    inst.executeFilter(impl.interleave,
-                       {at(ws.ll[0], 0, 0), at(ws.ll[1], 0, 0), at(ws.ll[2], 0, 0)}, e.width,
-                       e.height, y48, 0, 0, 0, 0, none, {0, 0});
+    inst.eraseTarget(claheSource);  // released once the queued CLAHE job has run
   }
 
   // 8-bit steps over `s`, alternating between two targets; the last one writes the output
@@ -434,7 +424,7 @@ void Renderer::renderTile(size_t level, Rect const& r, Display const& display, J
     step(impl.sharpen, {at(p, 0, 0)}, pw, ph, ws.sharpenParams, 2, 2);
   }
   if (display.mask) {
-    std::string key = "mask/" + std::to_string(level) + "/" + display.key();
+    std::string const key = "mask/" + std::to_string(level) + "/" + display.maskKey();
     std::vector<unsigned char> const id(key.begin(), key.end());
     inst.clear(ws.out, {0, 0, 0, 255});
     // Stored and used under the store's lock: no other store can evict the set in between,
@@ -442,9 +432,10 @@ void Renderer::renderTile(size_t level, Rect const& r, Display const& display, J
     std::lock_guard<std::mutex> lock(impl.storeMutex);
     if (!inst.dataEnvelopesSet(id)) {
       EnvelopeData data(1);
+      // Coordinates of the level shown; past 31 halvings every one of them is 0.
+      auto reduce = [level](uint32_t v) { return level < 32 ? v >> level : 0u; };
       for (MaskRect const& m : *display.mask) {
-        data[0].second.push_back(
-            {m.xmin >> level, m.xmax >> level, m.ymin >> level, m.ymax >> level});
+        data[0].second.push_back({reduce(m.xmin), reduce(m.xmax), reduce(m.ymin), reduce(m.ymax)});
       }
       inst.dataEnvelopes(id, data);
     }

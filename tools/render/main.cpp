@@ -207,10 +207,11 @@ int run(int argc, char** argv) {
     bool const linear = gammaMode == "linear";
     display.gammaMode = linear ? Display::GammaMode::kLinear : Display::GammaMode::kSrgb;
     size_t const maxLevel = display.maxLevel();
-    display.gamma = gammaOption->count() + blackOption->count() + whiteOption->count() > 0;
-    display.gammaValue = gamma;
-    display.black = black;
-    display.white = whiteOption->count() ? white : maxLevel;
+    auto given = [](CLI::Option const* option, auto value) {
+      return option->count() ? std::optional(value) : std::nullopt;
+    };
+    display.setLevels(given(gammaOption, gamma), given(blackOption, black),
+                      given(whiteOption, white));
     if (display.black > maxLevel || display.white > maxLevel) {
       throw UsageError("--black/--white must lie in [0, " + std::to_string(maxLevel) +
                        "] with --gamma-mode " + gammaMode);

@@ -54,10 +54,16 @@ struct Display {
   bool any() const { return gamma || sharpen || clahe || matrix || mask.has_value(); }
   /// The largest black or white level of the gamma mode.
   size_t maxLevel() const { return gammaMode == GammaMode::kLinear ? 255 : 4095; }
+  /// Black/white/gamma as a caller names them: on when any of the three is given, the
+  /// others at their neutral values (white at maxLevel() of the mode already chosen).
+  void setLevels(std::optional<double> gammaValue, std::optional<size_t> blackLevel,
+                 std::optional<size_t> whiteLevel);
   /// Throws DisplayError unless every parameter lies in its range.
   void validate() const;
   /// A canonical text of every parameter that changes pixels (for cache keys and ETags).
   std::string key() const;
+  /// The part of key() that names the mask rectangles alone.
+  std::string maskKey() const;
 };
 
 /// Parses "m0,...,m8" or "m0,...,m8:scale" into `display` (DisplayError when malformed).

@@ -28,6 +28,21 @@ struct Rect {
   std::string str() const;
 };
 
+/// A half-open range [begin, end) of indices along one axis; signed, because windows of the
+/// wavelet reach past the image's edges.
+struct Span {
+  int64_t begin = 0, end = 0;
+  int64_t size() const { return end - begin; }
+  bool empty() const { return end <= begin; }
+};
+
+/// The columns and the rows of a rectangle, and the rectangle of two non-negative spans.
+inline Span spanX(Rect const& r) { return {int64_t(r.x), int64_t(r.right())}; }
+inline Span spanY(Rect const& r) { return {int64_t(r.y), int64_t(r.bottom())}; }
+inline Rect rectOf(Span x, Span y) {
+  return {size_t(x.begin), size_t(y.begin), size_t(x.size()), size_t(y.size())};
+}
+
 /// The intersection of two rectangles (empty when they do not meet).
 Rect intersect(Rect const& a, Rect const& b);
 

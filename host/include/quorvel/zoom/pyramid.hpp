@@ -38,13 +38,6 @@ enum class Band : uint8_t { kLowLow = 0, kHighLow = 1, kLowHigh = 2, kHighHigh =
 /// Pair indices a depth's tile holds past the next block's first one.
 constexpr int64_t kTileOverlap = 4;
 
-/// A half-open range [begin, end) of indices along one axis.
-struct Span {
-  int64_t begin = 0, end = 0;
-  int64_t size() const { return end - begin; }
-  bool empty() const { return end <= begin; }
-};
-
 class Pyramid {
  public:
   /// The plan for a width x height image whose source reads `nativeLevels` directly, cut
