@@ -8,7 +8,8 @@ BENCH_FILTER ?= .
 FUZZ_SECONDS ?= 60
 SOAK_SECONDS ?= 600
 
-.PHONY: all deps deps-bench build test test-release test-asan test-tsan demo bench install clean fuzz soak format
+.PHONY: all deps deps-bench build test test-release test-asan test-tsan test-browser demo serve bench \
+  install clean fuzz soak format
 
 all: build
 
@@ -16,15 +17,15 @@ deps:
 	@scripts/install-deps
 
 deps-bench:
-	@QUORVEL_WITH_OPENCV=1 scripts/install-deps
+	@QUORVEL_BENCH_DEPS=1 scripts/install-deps
 
 build: deps
 	cmake -S . -B build $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=Release
 	cmake --build build -j $(JOBS)
 
-# Release tests, then the whole suite again under AddressSanitizer + UBSan, then the
-# concurrency tests under ThreadSanitizer.
-test: deps test-release test-asan test-tsan
+# Release tests, the viewer in a headless browser, then the whole suite again under
+# AddressSanitizer + UBSan, then the concurrency tests under ThreadSanitizer.
+test: deps test-release test-browser test-asan test-tsan
 	@echo "make test: all passes green"
 
 test-release: build
@@ -33,7 +34,8 @@ test-release: build
 test-asan: deps
 	cmake -S . -B build-asan $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 	  -DQUORVEL_SANITIZE="address;undefined" -DQUORVEL_TOOLS=OFF -DQUORVEL_PYTHON=OFF
-	cmake --build build-asan -j $(JOBS) --target quorvel_tests quorvel_host_tests
+	cmake --build build-asan -j $(JOBS) --target quorvel_tests quorvel_host_tests \
+	  quorvel_serve_request_tests quorvel_serve_imaging_tests quorvel_fuzz_replay_request
 	cd build-asan && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
 	  ctest --output-on-failure -j $(JOBS) -L unit
 
@@ -41,8 +43,20 @@ test-tsan: deps
 	cmake -S . -B build-tsan $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 	  -DQUORVEL_SANITIZE=thread -DQUORVEL_TOOLS=OFF -DQUORVEL_PYTHON=OFF
 	cmake --build build-tsan -j $(JOBS) --target quorvel_concurrency_tests \
-	  quorvel_host_concurrency_tests
+	  quorvel_host_concurrency_tests quorvel_serve_concurrency_tests
 	cd build-tsan && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -j $(JOBS) -L concurrency
+
+# The viewer's pages in Debian's chromium, driven by playwright-core, against the server
+# built by test-release.
+test-browser: build
+	QUORVEL_SERVE=$(CURDIR)/build/tools/serve/quorvel-serve viewer/tests/run
+
+# The deep-zoom server on the default 65536 x 65536 slide, with the viewer, until Ctrl-C.
+# PORT and IMAGES choose the port and the files to serve.
+PORT ?= 8080
+IMAGES ?=
+serve: build
+	./build/tools/serve/quorvel-serve $(IMAGES) --port $(PORT) --viewer viewer
 
 # The main job: a generated 4096 x 4096 slide encoded as wavelet tiles, streamed through the
 # backend and checked bit for bit; the pictures land in out/.
@@ -51,11 +65,14 @@ demo: deps
 	cmake --build build -j $(JOBS) --target quorvel-render
 	./build/tools/render/quorvel-render -o out/render.png --compare out/compare.png
 
+# The library and host rows, then the serving section: quorvel-serve beside iipsrv under wrk.
 bench: deps-bench
 	cmake -S . -B build-bench $(GEN) $(LAUNCHER) -DCMAKE_BUILD_TYPE=Release -DQUORVEL_BENCH=ON \
-	  -DQUORVEL_PYTHON=OFF -DQUORVEL_TOOLS=OFF
-	cmake --build build-bench -j $(JOBS) --target quorvel_bench
+	  -DQUORVEL_PYTHON=OFF -DQUORVEL_TESTS=OFF
+	cmake --build build-bench -j $(JOBS) --target quorvel_bench quorvel-serve
 	./build-bench/bench/quorvel_bench --filter='$(BENCH_FILTER)'
+	bench/serve/serve-bench --server build-bench/tools/serve/quorvel-serve \
+	  --out build-bench/serve-bench.md
 
 install: build
 	cmake --install build --prefix $(PREFIX)
@@ -63,7 +80,7 @@ install: build
 # Fuzzing (clang + libFuzzer, ASan + UBSan): each target runs FUZZ_SECONDS on a scratch
 # corpus seeded from fuzz/corpus/<target>; inputs that reach new code are merged back into
 # fuzz/corpus (coverage edges only, so it stays small). Findings land in build-fuzz/findings.
-FUZZ_TARGETS := instance kernel envelope format_exception
+FUZZ_TARGETS := instance kernel envelope format_exception request
 FUZZ_FLAGS := -max_len=4096 -timeout=30 -rss_limit_mb=2560 -print_final_stats=1
 fuzz: deps
 	cmake -S . -B build-fuzz $(GEN) $(LAUNCHER) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
