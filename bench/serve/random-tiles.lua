@@ -1,0 +1,51 @@
+-- Requests tiles at random from a list of request paths (one a line, the file named after
+-- wrk's "--"), and counts the answers that were not 2xx: wrk's own status count starts at 400,
+-- and a redirect or an empty 204 would hide a broken route behind a good rate.
+--
+-- Every thread draws from its own fixed seed, so two servers see the same request sequence.
+
+local threads = {}
+local paths = {}
+
+function setup(thread)
+  thread:set("id", #threads + 1)
+  table.insert(threads, thread)
+end
+
+function init(args)
+  local file = assert(io.open(args[1], "r"))
+  for line in file:lines() do
+    if #line > 0 then
+      paths[#paths + 1] = line
+    end
+  end
+  file:close()
+  assert(#paths > 0, "no paths in " .. args[1])
+  math.randomseed(7919 * id)
+  non2xx = 0
+end
+
+function request()
+  return wrk.format(nil, paths[math.random(#paths)])
+end
+
+function response(status, headers, body)
+  if status < 200 or status > 299 then
+    non2xx = non2xx + 1
+  end
+end
+
+function done(summary, latency, requests)
+  local bad = 0
+  for _, thread in ipairs(threads) do
+    bad = bad + (thread:get("non2xx") or 0)
+  end
+  local e = summary.errors
+  io.write(string.format(
+    'WRK_RESULT {"requests": %d, "duration_us": %d, "bytes": %d, "non2xx": %d, ' ..
+    '"connect": %d, "read": %d, "write": %d, "status": %d, "timeout": %d, ' ..
+    '"p50_us": %d, "p99_us": %d, "mean_us": %.1f}\n',
+    summary.requests, summary.duration, summary.bytes, bad,
+    e.connect, e.read, e.write, e.status, e.timeout,
+    latency:percentile(50), latency:percentile(99), latency.mean))
+end
