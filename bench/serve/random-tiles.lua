@@ -22,10 +22,19 @@ function init(args)
   file:close()
   assert(#paths > 0, "no paths in " .. args[1])
   math.randomseed(7919 * id)
+  -- "sweep": each thread walks the list in order from its own share of it, as a viewer's
+  -- requests sweep over neighbouring tiles; otherwise tiles are drawn at random.
+  -- Each thread has a Lua state of its own, so the number of threads comes as an argument.
+  sweep = args[2] == "sweep"
+  nextIndex = math.floor((id - 1) * #paths / tonumber(args[3] or 1))
   non2xx = 0
 end
 
 function request()
+  if sweep then
+    nextIndex = nextIndex % #paths + 1
+    return wrk.format(nil, paths[nextIndex])
+  end
   return wrk.format(nil, paths[math.random(#paths)])
 end
 
