@@ -44,7 +44,8 @@ test-tsan: deps
 	  -DQUORVEL_SANITIZE=thread -DQUORVEL_TOOLS=OFF -DQUORVEL_PYTHON=OFF
 	cmake --build build-tsan -j $(JOBS) --target quorvel_concurrency_tests \
 	  quorvel_host_concurrency_tests quorvel_serve_concurrency_tests
-	cd build-tsan && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -j $(JOBS) -L concurrency
+	cd build-tsan && TSAN_OPTIONS="halt_on_error=1 suppressions=$(CURDIR)/tools/serve/tests/tsan.supp" \
+	  ctest --output-on-failure -j $(JOBS) -L concurrency
 
 # The viewer's pages in Debian's chromium, driven by playwright-core, against the server
 # built by test-release.
