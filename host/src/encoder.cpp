@@ -73,15 +73,27 @@ struct Bands {
   Grid ll, hl, lh, hh;
 };
 
-void liftAxis(int32_t const* x, int64_t xBegin, AxisNeed const& need, int32_t* s, int32_t* d) {
+// `even` and `odd` are scratch of at least need.d.size() + 1 samples each.
+void liftAxis(int32_t const* x, int64_t xBegin, AxisNeed const& need, int32_t* s, int32_t* d,
+              int32_t* even, int32_t* odd) {
   // x is indexed by extended sample index - xBegin; s and d by coefficient index - begin.
-  auto X = [&](int64_t i) { return x[i - xBegin]; };
-  for (int64_t k = need.d.begin; k < need.d.end; ++k) {
-    d[k - need.d.begin] = X(2 * k + 1) - ((X(2 * k) + X(2 * k + 2)) >> 1);
+  // The samples are split into their even and odd halves first, so that both lifting steps
+  // run over contiguous samples and vectorise (strided, they did not: a tenth of an encode).
+  int64_t const n = need.d.size();
+  int32_t const* from = x + (2 * need.d.begin - xBegin);
+  for (int64_t k = 0; k < n; ++k) {
+    even[k] = from[2 * k];
+    odd[k] = from[2 * k + 1];
   }
-  auto D = [&](int64_t k) { return d[k - need.d.begin]; };
-  for (int64_t k = need.s.begin; k < need.s.end; ++k) {
-    s[k - need.s.begin] = X(2 * k) + ((D(k - 1) + D(k) + 2) >> 2);
+  even[n] = from[2 * n];
+  for (int64_t k = 0; k < n; ++k) d[k] = odd[k] - ((even[k] + even[k + 1]) >> 1);
+  // s(k) reads x(2k), which is even[k - d.begin], and d(k - 1), d(k).
+  int64_t const first = need.s.begin - need.d.begin;
+  int64_t const count = need.s.size();
+  int32_t* out = s;
+  for (int64_t k = 0; k < count; ++k) {
+    int64_t const j = first + k;
+    out[k] = even[j] + ((d[j - 1] + d[j] + 2) >> 2);
   }
 }
 
@@ -94,10 +106,23 @@ Bands forwardLevel(Grid const& in, int64_t nx, int64_t ny, AxisNeed const& ax, A
   }
   Grid rowLow(ax.s, yIn), rowHigh(ax.d, yIn);
   std::vector<int32_t> line(columns.size());
+  std::vector<int32_t> even(static_cast<size_t>(ax.d.size() + 1)), odd(even.size());
+  // Only the columns past the image's edges are mirrored; the rest of a row is one run.
+  int64_t const directBegin = std::max<int64_t>(xIn.begin, 0);
+  int64_t const directEnd = std::min<int64_t>(xIn.end, nx);
   for (int64_t y = yIn.begin; y < yIn.end; ++y) {
     int32_t const* src = in.row(mirrorIndex(y, ny));
-    for (size_t i = 0; i < columns.size(); ++i) line[i] = src[columns[i]];
-    liftAxis(line.data(), xIn.begin, ax, rowLow.row(y), rowHigh.row(y));
+    if (directBegin < directEnd) {
+      std::copy(src + (directBegin - in.x0), src + (directEnd - in.x0),
+                line.begin() + (directBegin - xIn.begin));
+    }
+    for (int64_t i = xIn.begin; i < std::min(directBegin, xIn.end); ++i) {
+      line[static_cast<size_t>(i - xIn.begin)] = src[columns[static_cast<size_t>(i - xIn.begin)]];
+    }
+    for (int64_t i = std::max(directEnd, xIn.begin); i < xIn.end; ++i) {
+      line[static_cast<size_t>(i - xIn.begin)] = src[columns[static_cast<size_t>(i - xIn.begin)]];
+    }
+    liftAxis(line.data(), xIn.begin, ax, rowLow.row(y), rowHigh.row(y), even.data(), odd.data());
   }
   // Columns, row by row so that the inner loops run over contiguous samples.
   auto columnsOf = [&](Grid const& rows, Grid& low, Grid& high) {
@@ -121,13 +146,6 @@ Bands forwardLevel(Grid const& in, int64_t nx, int64_t ny, AxisNeed const& ax, A
   return bands;
 }
 
-int16_t narrow(int32_t v) {
-  if (v < std::numeric_limits<int16_t>::min() || v > std::numeric_limits<int16_t>::max()) {
-    throw std::range_error("a wavelet coefficient does not fit 16 bits");
-  }
-  return static_cast<int16_t>(v);
-}
-
 // The window of `g` whose element (i, j) is grid sample (x.begin + i + dx, y.begin + j + dy).
 Plane16 window(Grid const& g, Span x, Span y, int64_t dx, int64_t dy) {
   Plane16 p;
@@ -137,7 +155,16 @@ Plane16 window(Grid const& g, Span x, Span y, int64_t dx, int64_t dy) {
   for (int64_t j = 0; j < y.size(); ++j) {
     int32_t const* src = g.row(y.begin + j + dy) + (x.begin + dx - g.x0);
     int16_t* dst = &p.samples[static_cast<size_t>(j) * p.width];
-    for (int64_t i = 0; i < x.size(); ++i) dst[i] = narrow(src[i]);
+    // The range is checked once a row, so that the copy itself vectorises.
+    int32_t lo = 0, hi = 0;
+    for (int64_t i = 0; i < x.size(); ++i) {
+      lo = std::min(lo, src[i]);
+      hi = std::max(hi, src[i]);
+      dst[i] = static_cast<int16_t>(src[i]);
+    }
+    if (lo < std::numeric_limits<int16_t>::min() || hi > std::numeric_limits<int16_t>::max()) {
+      throw std::range_error("a wavelet coefficient does not fit 16 bits");
+    }
   }
   return p;
 }
