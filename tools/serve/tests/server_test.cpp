@@ -2,10 +2,13 @@
 // answers compared pixel for pixel with the host layer's render of the same region, its
 // HTTP behaviour, its refusals, and how it starts and stops.
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
+#include <netinet/in.h>
 #include <png.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -358,6 +361,37 @@ TEST_F(Serve, BadRequestsGetAStatusAndAOneLineReason) {
   auto const health = get("/healthz");
   ASSERT_TRUE(health);
   EXPECT_EQ(health->status, 200);
+}
+
+TEST_F(Serve, StalledAndVanishedClientsDoNotHoldTheServer) {
+  // Clients that send half a request and wait, and one that asks for a large image and
+  // leaves before the answer.
+  std::vector<int> stalled;
+  for (int i = 0; i < 8; ++i) {
+    int const fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(uint16_t(server_->port()));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    std::string const half = i == 0 ? "GET /iiif/3/busy/full/max/0/default.png?clahe=2 HTTP/1.1\r\n"
+                                      "Host: x\r\n\r\n"
+                                    : "GET /iiif/3/busy/info.json HTTP/1.1\r\nHost: x\r\n";
+    ASSERT_EQ(send(fd, half.data(), half.size(), 0), ssize_t(half.size()));
+    if (i == 0) {
+      close(fd);  // gone before its answer
+    } else {
+      stalled.push_back(fd);
+    }
+  }
+  auto const start = std::chrono::steady_clock::now();
+  for (int i = 0; i < 10; ++i) {
+    auto const r = get("/iiif/3/busy/" + std::to_string(i * 64) + ",0,64,64/max/0/default.jpg");
+    ASSERT_TRUE(r);
+    EXPECT_EQ(r->status, 200);
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+  for (int fd : stalled) close(fd);
 }
 
 TEST_F(Serve, MetricsCountRequestsRendersAndCaches) {
