@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <limits>
 
+#include "request_text.hpp"
+
 namespace quorvel::serve {
 namespace {
 
@@ -14,81 +16,16 @@ __extension__ typedef unsigned __int128 Wide;
 
 constexpr size_t kSizeMax = std::numeric_limits<size_t>::max();
 
-[[noreturn]] void badRequest(std::string const& reason) { throw RequestError(400, reason); }
-[[noreturn]] void notFound(std::string const& reason) { throw RequestError(404, reason); }
-
-// Client text quoted in a reason: cut short and with anything unprintable as '?', so a reason
-// stays one short line whatever was sent.
-std::string shown(std::string_view text) {
-  constexpr size_t kShown = 64;
-  std::string out = "'";
-  for (size_t i = 0; i < text.size() && i < kShown; ++i) {
-    auto const c = static_cast<unsigned char>(text[i]);
-    out += c >= 0x20 && c < 0x7f ? static_cast<char>(c) : '?';
-  }
-  if (text.size() > kShown) out += "...";
-  return out + "'";
-}
+using text::badRequest;
+using text::notFound;
+using text::parseDecimal;
+using text::parseWhole;
+using text::shown;
+using text::split;
 
 std::string str(Wide v) {
   if (v <= kSizeMax) return std::to_string(static_cast<size_t>(v));
   return "more than " + std::to_string(kSizeMax);
-}
-
-// Digits only (no sign, no space), in 64 bits; nothing otherwise.
-std::optional<uint64_t> parseWhole(std::string_view text) {
-  if (text.empty() ||
-      !std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; })) {
-    return std::nullopt;
-  }
-  uint64_t value = 0;
-  auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-  return value;
-}
-
-// The number forms IIIF allows: decimal digits with at most one '.', no sign and no exponent;
-// nothing for anything else or a value past the range of a double.
-std::optional<double> parseDecimal(std::string_view text) {
-  size_t digits = 0, points = 0;
-  for (char c : text) {
-    if (c >= '0' && c <= '9') {
-      ++digits;
-    } else if (c == '.') {
-      ++points;
-    } else {
-      return std::nullopt;
-    }
-  }
-  if (digits == 0 || points > 1) return std::nullopt;
-  double value = 0;
-  auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (error != std::errc() || end != text.data() + text.size() || !std::isfinite(value)) {
-    return std::nullopt;
-  }
-  return value;
-}
-
-// A real number as the display parameters take it: what from_chars reads, wholly, finite.
-std::optional<double> parseReal(std::string_view text) {
-  double value = 0;
-  auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (text.empty() || error != std::errc() || end != text.data() + text.size() ||
-      !std::isfinite(value)) {
-    return std::nullopt;
-  }
-  return value;
-}
-
-std::vector<std::string_view> split(std::string_view text, char separator) {
-  std::vector<std::string_view> parts;
-  size_t begin = 0;
-  while (true) {
-    size_t const end = text.find(separator, begin);
-    parts.push_back(text.substr(begin, end == std::string_view::npos ? end : end - begin));
-    if (end == std::string_view::npos) return parts;
-    begin = end + 1;
-  }
 }
 
 bool nameCharacter(char c) {
@@ -587,92 +524,6 @@ DziTile resolveDzi(Route const& route, size_t imageWidth, size_t imageHeight) {
   auto const [x, w] = span(route.col, width);
   auto const [y, h] = span(route.row, height);
   return {level, {x, y, w, h}, route.format};
-}
-
-zoom::Display parseDisplay(std::vector<std::pair<std::string, std::string>> const& query) {
-  std::optional<double> gamma, sharpen, clahe;
-  std::optional<size_t> black, white;
-  std::optional<std::string> mode, matrix;
-  auto real = [](std::string const& name, std::string const& value, double lo, double hi,
-                 char const* range) {
-    auto const v = parseReal(value);
-    if (!v) badRequest(name + ": " + shown(value) + " is not a number");
-    if (*v < lo || *v > hi) badRequest(name + ": " + shown(value) + " lies outside " + range);
-    return *v;
-  };
-  auto whole = [](std::string const& name, std::string const& value) {
-    auto const v = parseWhole(value);
-    if (!v) badRequest(name + ": " + shown(value) + " is not a whole number");
-    return static_cast<size_t>(*v);
-  };
-  for (auto const& pair : query) {
-    // Named references rather than a structured binding: the lambdas below capture them.
-    std::string const& name = pair.first;
-    std::string const& value = pair.second;
-    auto once = [&](auto& slot, auto parse) {
-      if (slot) badRequest(name + " is given twice");
-      if (value.empty()) badRequest(name + " has no value");
-      slot = parse();
-    };
-    if (name == "gamma") {
-      once(gamma, [&] { return real(name, value, 0.1, 10, "[0.1, 10]"); });
-    } else if (name == "black") {
-      once(black, [&] { return whole(name, value); });
-    } else if (name == "white") {
-      once(white, [&] { return whole(name, value); });
-    } else if (name == "gamma-mode") {
-      once(mode, [&] {
-        if (value != "srgb" && value != "linear") {
-          badRequest("gamma-mode: " + shown(value) + " is neither srgb nor linear");
-        }
-        return value;
-      });
-    } else if (name == "sharpen") {
-      once(sharpen, [&] { return real(name, value, -4, 4, "[-4, 4]"); });
-    } else if (name == "clahe") {
-      once(clahe, [&] { return real(name, value, 1, 100, "[1, 100]"); });
-    } else if (name == "matrix") {
-      once(matrix, [&] { return value; });
-    } else {
-      badRequest("unknown display parameter " + shown(name));
-    }
-  }
-  zoom::Display display;
-  // The mode first: it decides the scale black and white are read on.
-  if (mode == "linear") display.gammaMode = zoom::Display::GammaMode::kLinear;
-  display.setLevels(gamma, black, white);
-  if (display.black > display.maxLevel() || display.white > display.maxLevel()) {
-    badRequest(std::string(display.black > display.maxLevel() ? "black" : "white") +
-               " must lie in [0, " + std::to_string(display.maxLevel()) + "] in gamma mode " +
-               mode.value_or("srgb"));
-  }
-  if (display.black >= display.white) badRequest("black must be below white");
-  display.sharpen = sharpen;
-  display.clahe = clahe;
-  if (matrix) {
-    // The host's reader takes what a stream reads (spaces too); a query value is stricter.
-    auto const coefficients = split(split(*matrix, ':').front(), ',');
-    bool const plain = coefficients.size() == 9 &&
-                       std::none_of(coefficients.begin(), coefficients.end(),
-                                    [](std::string_view c) { return c.empty(); }) &&
-                       std::all_of(matrix->begin(), matrix->end(), [](char c) {
-                         return (c >= '0' && c <= '9') || c == '.' || c == ',' || c == ':' ||
-                                c == '-' || c == '+' || c == 'e' || c == 'E';
-                       });
-    try {
-      if (!plain) throw zoom::DisplayError("");
-      zoom::parseMatrix(*matrix, display);
-    } catch (zoom::DisplayError const&) {
-      badRequest("matrix: " + shown(*matrix) +
-                 " is not nine numbers m0,...,m8 with an optional :scale");
-    }
-  }
-  try {
-    display.validate();
-  } catch (zoom::DisplayError const& e) {
-    badRequest(e.what());
-  }
-  return display;
 }
 
 }  // namespace quorvel::serve
