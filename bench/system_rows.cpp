@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "backend/renderer.hpp"
+#include "backend/shared_caches.hpp"
 #include "fixtures.hpp"
 #include "quorvel/render.hpp"
 

@@ -114,7 +114,8 @@ void checkInstance(FuzzInput& in, EnvelopeData const& data) {
   Backend& shared = sharedBackend();
   auto instance = shared.backend.createInstance(shared.context);
   std::vector<unsigned char> const id = {static_cast<unsigned char>(in.upTo(2))};
-  auto const& info = catalogue()[21 + in.upTo(2)];  // MaskFilter3x8 / 4x8 / 3x16
+  auto const& masks = maskCatalogue();
+  auto const& info = *masks[in.upTo(masks.size() - 1)];
   Filter filter = describe(info);
   filter.instantiate(instance);
   size_t const bits = info.output == kRgb8 ? 24 : info.output == kRgba8 ? 32 : 48;

@@ -1,15 +1,20 @@
 #pragma once
-// What the fuzz targets know about the 28 built-in filters: the pixel type of every source
-// and of the target, the description a host would give, and a parameter set of the right
-// class with fuzzed fields.
+// What the fuzz targets know about the built-in filters, taken from the library's table:
+// the pixel kind of every source and of the target, the description a host would give, and
+// a parameter set of the right class with fuzzed fields.
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <string>
+#include <typeinfo>
+#include <utility>
 #include <vector>
 
 #include "fuzz_input.hpp"
+#include "kernels/builtin_filters.hpp"
 #include "quorvel/render.hpp"
 
 namespace quorvel::fuzz {
@@ -39,41 +44,58 @@ struct FilterInfo {
   ParamsKind params;
 };
 
-// clang-format off
+/// The pixel kind of a library pixel type.
+inline PixelKind pixelKind(std::type_info const& type) {
+  static std::type_info const* const kTypes[kPixelKinds] = {
+      &typeid(uint8_t),    &typeid(int8_t),     &typeid(uint16_t),   &typeid(int16_t),
+      &typeid(PixelRgb8),  &typeid(PixelRgba8), &typeid(PixelRgbS8), &typeid(PixelRgbaS8),
+      &typeid(PixelRgb16), &typeid(PixelRgbS16)};
+  for (size_t k = 0; k < kPixelKinds; ++k) {
+    if (*kTypes[k] == type) return static_cast<PixelKind>(k);
+  }
+  std::abort();  // a pixel type the fuzz targets cannot build buffers of
+}
+
+/// The parameter class a kernel reads, as the fuzz targets build it.
+inline ParamsKind paramsKind(std::type_info const* type) {
+  if (type == nullptr) return ParamsKind::kNone;
+  if (*type == typeid(FilterTruncate16Params)) return ParamsKind::kTruncate;
+  if (*type == typeid(FilterLinear16TosRGB8Params)) return ParamsKind::kLinear16;
+  if (*type == typeid(FilterBlackWhiteGamma8Params)) return ParamsKind::kBlackWhite;
+  if (*type == typeid(Filter3x3MatrixParams)) return ParamsKind::kMatrix;
+  if (*type == typeid(FilterClaheParams)) return ParamsKind::kClahe;
+  if (*type == typeid(FilterSharpness8Params)) return ParamsKind::kSharp8;
+  if (*type == typeid(FilterSharpness16Params)) return ParamsKind::kSharp16;
+  if (*type == typeid(MaskFilterParams)) return ParamsKind::kMask;
+  std::abort();  // a parameter class without a fuzzed builder below
+}
+
+/// Every built-in filter, in registration order, read from the library's own table.
 inline std::vector<FilterInfo> const& catalogue() {
-  static std::vector<FilterInfo> const kFilters = {
-    {"FilterFirIH53LeGall16",  {kS16, kS16},       kS16,    16, 16, 1, 1, 16, ParamsKind::kNone},
-    {"FilterFirIV53LeGall16",  {kS16, kS16},       kS16,    16, 16, 1, 1, 16, ParamsKind::kNone},
-    {"BlitFilter1x16",         {kS16},             kS16,    16, 16, 1, 1, 16, ParamsKind::kNone},
-    {"BlitFilter3x16",         {kRgbS16},          kRgbS16, 48, 48, 3, 3, 16, ParamsKind::kNone},
-    {"BlitFilter3x8",          {kRgb8},            kRgb8,   24, 24, 3, 3, 8,  ParamsKind::kNone},
-    {"BlitFilter4x8",          {kRgba8},           kRgba8,  32, 32, 4, 4, 8,  ParamsKind::kNone},
-    {"Filter1x16ToRGB8",       {kS16},             kRgba8,  16, 32, 1, 4, 16, ParamsKind::kNone},
-    {"FilterInterleave16",     {kS16, kS16, kS16}, kRgbS16, 16, 48, 1, 3, 16, ParamsKind::kNone},
-    {"FilterRGBA8ToYCoCg16",   {kRgba8},           kRgbS16, 32, 48, 4, 3, 8,  ParamsKind::kNone},
-    {"FilterYCoCg16ToRGBA8",   {kRgbS16},          kRgba8,  48, 32, 3, 4, 16, ParamsKind::kNone},
-    {"FilterYCoCg16ToRGB16",   {kRgbS16},          kRgbS16, 48, 48, 3, 3, 16, ParamsKind::kNone},
-    {"Filter3x3Matrix8",       {kRgba8},           kRgba8,  32, 32, 4, 4, 8,  ParamsKind::kMatrix},
-    {"Filter3x3Matrix16",      {kRgbS16},          kRgbS16, 48, 48, 3, 3, 16, ParamsKind::kMatrix},
-    {"Filter3x16To4x8",        {kRgbS16},          kRgba8,  48, 32, 3, 4, 16, ParamsKind::kNone},
-    {"Filter1x16To1x8",        {kS16},             kU8,     16, 8,  1, 1, 16, ParamsKind::kNone},
-    {"FilterCLAHE",            {kRgbS16},          kRgbS16, 48, 48, 3, 3, 16, ParamsKind::kClahe},
-    {"FilterSharpness8",       {kRgba8},           kRgba8,  32, 32, 4, 4, 8,  ParamsKind::kSharp8},
-    {"FilterSharpnessH16",     {kRgbS16},          kRgb16,  48, 48, 3, 3, 16, ParamsKind::kNone},
-    {"FilterSharpnessV16",     {kRgbS16, kRgb16},  kRgbS16, 48, 48, 3, 3, 16, ParamsKind::kSharp16},
-    {"FilterLinear8ToSRGB8",   {kRgba8},           kRgba8,  32, 32, 4, 4, 8,  ParamsKind::kNone},
-    {"FilterLinear16ToSRGB8",  {kRgbS16},          kRgba8,  48, 32, 3, 4, 16, ParamsKind::kNone},
-    {"MaskFilter3x8",          {kRgb8},            kRgb8,   24, 24, 3, 3, 8,  ParamsKind::kMask},
-    {"MaskFilter4x8",          {kRgba8},           kRgba8,  32, 32, 4, 4, 8,  ParamsKind::kMask},
-    {"MaskFilter3x16",         {kRgbS16},          kRgbS16, 48, 48, 3, 3, 16, ParamsKind::kMask},
-    {"FilterLinear16TosRGB8",  {kRgbS16},          kRgba8,  48, 32, 3, 4, 16, ParamsKind::kLinear16},
-    {"FilterBlackWhiteGamma8", {kRgba8},           kRgba8,  32, 32, 4, 4, 8,  ParamsKind::kBlackWhite},
-    {"FilterTruncate16",       {kS16},             kS16,    16, 16, 1, 1, 16, ParamsKind::kTruncate},
-    {"FilterRemoveAlpha8",     {kRgba8},           kRgb8,   32, 24, 4, 3, 8,  ParamsKind::kNone},
-  };
+  static std::vector<FilterInfo> const kFilters = [] {
+    std::vector<FilterInfo> list;
+    for (BuiltinFilter const& f : builtinFilters()) {
+      std::vector<PixelKind> inputs;
+      for (std::type_info const* type : f.inputs) inputs.push_back(pixelKind(*type));
+      list.push_back({f.name, std::move(inputs), pixelKind(*f.output), f.bitsIn, f.bitsOut,
+                      f.componentsIn, f.componentsOut, f.bitDepthIn, paramsKind(f.params)});
+    }
+    return list;
+  }();
   return kFilters;
 }
-// clang-format on
+
+/// The filters that maskRange runs, in registration order.
+inline std::vector<FilterInfo const*> const& maskCatalogue() {
+  static std::vector<FilterInfo const*> const kMasks = [] {
+    std::vector<FilterInfo const*> list;
+    for (FilterInfo const& info : catalogue()) {
+      if (info.params == ParamsKind::kMask) list.push_back(&info);
+    }
+    return list;
+  }();
+  return kMasks;
+}
 
 /// The description a host would pass for `info`.
 inline Filter describe(FilterInfo const& info) {

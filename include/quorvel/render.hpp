@@ -22,3 +22,4 @@
 #include "quorvel/kernels/reconstruction/conversions.hpp"
 #include "quorvel/kernels/reconstruction/wavelet.hpp"
 #include "quorvel/kernels/reconstruction/ycocg.hpp"
+#include "quorvel/kernels/registry.hpp"

@@ -283,12 +283,6 @@ std::shared_ptr<BufferProxy> Renderer::getTarget(size_t id) {
   return targets_[id];
 }
 
-std::shared_ptr<BufferProxy> Renderer::findTarget(size_t id) const {
-  std::lock_guard<std::mutex> lock(targetsMutex_);
-  auto it = targets_.find(id);
-  return it == targets_.end() ? nullptr : it->second;
-}
-
 void Renderer::eraseTarget(size_t id) {
   std::shared_ptr<BufferProxy> proxy;
   {

@@ -146,8 +146,6 @@ class Renderer {
   void setTarget(size_t id, std::shared_ptr<BufferProxy> proxy);
   /// The proxy under `id`; an unknown id yields null and leaves an empty entry.
   std::shared_ptr<BufferProxy> getTarget(size_t id);
-  /// The proxy under `id`, or null; never inserts.
-  std::shared_ptr<BufferProxy> findTarget(size_t id) const;
   /// Removes the id (giving it to the free set) and frees the storage once unused.
   void eraseTarget(size_t id);
 

@@ -4,8 +4,11 @@
 #include <limits>
 
 #include "backend/renderer.hpp"
+#include "backend/shared_caches.hpp"
 #include "backend/staging_buffer.hpp"
+#include "kernels/builtin_filters.hpp"
 #include "quorvel/context/render_context.hpp"
+#include "quorvel/kernels/registry.hpp"
 
 namespace quorvel {
 namespace {
@@ -127,20 +130,16 @@ std::shared_ptr<Buffer2D> sameKind(Buffer2D& buffer) {
   return copy;
 }
 
-bool isMaskFilter(std::string const& name) {
-  return name == "MaskFilter3x8" || name == "MaskFilter4x8" || name == "MaskFilter3x16";
-}
-
 }  // namespace
 
 // ---------------------------------------------------------------------------------------
 // SoftwareRenderBackend
 // ---------------------------------------------------------------------------------------
 
-SoftwareRenderBackend::SoftwareRenderBackend(ImageFormatType format, size_t cacheCapacity)
-    : builtinFactory_(std::make_shared<SoftwareFilterFactory>()),
-      formatType_(format),
-      cacheCapacity_(cacheCapacity) {
+// The image format is the host's business: the backend stores and forwards pixels as they
+// come, so it keeps nothing of it.
+SoftwareRenderBackend::SoftwareRenderBackend(ImageFormatType /*format*/, size_t cacheCapacity)
+    : builtinFactory_(std::make_shared<SoftwareFilterFactory>()), cacheCapacity_(cacheCapacity) {
   registerBuiltinFilters(*builtinFactory_);
 }
 
@@ -158,17 +157,17 @@ std::shared_ptr<RenderBackendInstance> SoftwareRenderBackend::createInstance(
     RenderContext const& context) {
   auto tileCache = tileCacheRef_.lock();
   if (!tileCache) {
-    tileCache = std::make_shared<backend_detail::TileCache>(cacheCapacity_);
+    tileCache = std::make_shared<TileCache>(cacheCapacity_);
     tileCacheRef_ = tileCache;
   }
   auto envelopeCache = envelopeCacheRef_.lock();
   if (!envelopeCache) {
-    envelopeCache = std::make_shared<backend_detail::EnvelopeCache>(cacheCapacity_);
+    envelopeCache = std::make_shared<EnvelopeCache>(cacheCapacity_);
     envelopeCacheRef_ = envelopeCache;
   }
   auto filterInstances = filterInstancesRef_.lock();
   if (!filterInstances) {
-    filterInstances = std::make_shared<backend_detail::FilterInstances>();
+    filterInstances = std::make_shared<FilterInstances>();
     filterInstancesRef_ = filterInstances;
   }
   auto renderer = rendererRef_.lock();
@@ -186,16 +185,14 @@ std::shared_ptr<RenderBackendInstance> SoftwareRenderBackend::createInstance(
 // ---------------------------------------------------------------------------------------
 
 SoftwareRenderBackendInstance::SoftwareRenderBackendInstance(size_t id,
-                                                             RenderContext const& context,
+                                                             RenderContext const& /*context*/,
                                                              SoftwareRenderBackend& backend)
     : id_(id),
-      context_(context),
       tileCache_(backend.tileCacheRef_.lock()),
       filterInstances_(backend.filterInstancesRef_.lock()),
       envelopeCache_(backend.envelopeCacheRef_.lock()),
       builtinFactory_(backend.builtinFactory_),
       extraFactory_(backend.extraFactory_),
-      formatType_(backend.formatType_),
       renderer_(backend.rendererRef_) {}
 
 SoftwareRenderBackendInstance::~SoftwareRenderBackendInstance() = default;
@@ -209,10 +206,6 @@ size_t SoftwareRenderBackendInstance::numComponents() const { return 3; }
 // ---------------------------------------------------------------------------------------
 // Instance: render targets and read-back
 // ---------------------------------------------------------------------------------------
-
-std::shared_ptr<BufferProxy> SoftwareRenderBackendInstance::getTarget(size_t target) const {
-  return renderer_->getTarget(target);
-}
 
 std::shared_ptr<BufferProxy> SoftwareRenderBackendInstance::requireTarget(
     size_t target, char const* location) const {
@@ -299,25 +292,30 @@ size_t SoftwareRenderBackendInstance::getPixelsBufferSize(size_t target,
   return saturatingMul(pixels, proxy->buffer()->bytesPerPixel());
 }
 
-size_t SoftwareRenderBackendInstance::getPixels(void* buffer, size_t n, size_t target,
-                                                std::vector<size_t> const& rect) const {
+size_t SoftwareRenderBackendInstance::awaitReadBack(size_t target, std::vector<size_t> const& rect,
+                                                    size_t capacity,
+                                                    std::shared_ptr<BufferProxy>& proxy) const {
   size_t const required = getPixelsBufferSize(target, rect);
-  if (n < required) throw QuorvelException("buffer too small", kGetPixels);
+  if (capacity < required) throw QuorvelException("buffer too small", kGetPixels);
   if (rect.size() != 4) throw QuorvelException("Invalid rectangle", kGetPixels);
-  auto proxy = requireTarget(target, kGetPixels);
+  proxy = requireTarget(target, kGetPixels);
   renderer_->flush();
   proxy->wait();
+  return required;
+}
+
+size_t SoftwareRenderBackendInstance::getPixels(void* buffer, size_t n, size_t target,
+                                                std::vector<size_t> const& rect) const {
+  std::shared_ptr<BufferProxy> proxy;
+  size_t const required = awaitReadBack(target, rect, n, proxy);
   proxy->buffer()->getPixels(buffer, n, rect[0], rect[2], rect[1], rect[3]);
   return required;
 }
 
 std::vector<unsigned char> SoftwareRenderBackendInstance::getPixels(
     size_t target, std::vector<size_t> const& rect) const {
-  size_t const required = getPixelsBufferSize(target, rect);
-  if (rect.size() != 4) throw QuorvelException("Invalid rectangle", kGetPixels);
-  auto proxy = requireTarget(target, kGetPixels);
-  renderer_->flush();
-  proxy->wait();
+  std::shared_ptr<BufferProxy> proxy;
+  size_t const required = awaitReadBack(target, rect, std::numeric_limits<size_t>::max(), proxy);
   // The buffer checks the rectangle before the vector is made, so a huge rectangle fails
   // with its own message instead of an allocation failure.
   std::vector<size_t> const dims = proxy->buffer()->dimensions();

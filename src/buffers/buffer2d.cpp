@@ -17,8 +17,6 @@ namespace quorvel {
 using namespace buffer_detail;
 
 #if !defined(QUORVEL_PLAIN_ALLOCATOR)
-namespace buffer_detail {
-
 namespace {
 constexpr size_t kHugePageAlignment = size_t{2} << 20;
 }  // namespace
@@ -47,8 +45,6 @@ void freePixelBytes(void* p, size_t bytes) noexcept {
     scalable_aligned_free(p);
   }
 }
-
-}  // namespace buffer_detail
 #endif
 
 template <class P>

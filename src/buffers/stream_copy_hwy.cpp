@@ -6,7 +6,7 @@
 #include <hwy/highway.h>
 
 #include "buffers/stream_copy.hpp"
-#include "kernels/reconstruction/stream_store-inl.h"
+#include "simd/stream_store-inl.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace quorvel::HWY_NAMESPACE {

@@ -4,6 +4,7 @@
 
 #include "quorvel/errors/exception.hpp"
 #include "quorvel/filters/filter_parameters.hpp"
+#include "quorvel/host/render_backend.hpp"
 
 namespace quorvel {
 namespace {

@@ -48,13 +48,10 @@ inline std::vector<int> const& rectAt(std::vector<std::vector<int>> const& list,
   return i < list.size() ? list[i] : kNone;
 }
 
-/// Output size in bytes from which a kernel writes with streaming (non-temporal) stores: a
-/// quarter of a typical shared last-level cache. Smaller outputs stay cached for the next
+/// Whether a kernel writing `bytes` of target streams them (non-temporal stores): from 8 MiB,
+/// a quarter of a typical shared last-level cache. Smaller outputs stay cached for the next
 /// filter of the chain, which reads them back at once.
-inline constexpr size_t kStreamThresholdBytes = size_t{8} << 20;
-
-/// Whether a kernel writing `bytes` of target streams them.
-inline bool streamTarget(size_t bytes) { return bytes >= kStreamThresholdBytes; }
+inline constexpr bool streamTarget(size_t bytes) { return bytes >= (size_t{8} << 20); }
 
 /// A rectangle as x, y, width, height, without a heap allocation.
 using Rect4 = std::array<int, 4>;

@@ -139,58 +139,5 @@ TEST(Renderer, FinishedJobsComeBackWithoutTheirReferences) {
   EXPECT_TRUE(recycled.color.empty());
 }
 
-TEST(BackendConcurrency, HostThreadsWithSeparateInstancesShareOneBackend) {
-  SoftwareRenderContext context(4, 4, 2);
-  SoftwareRenderBackend backend(Format::kRgba8, 1 << 20);
-  std::vector<std::shared_ptr<RenderBackendInstance>> instances;
-  for (int i = 0; i < 4; ++i) instances.push_back(backend.createInstance(context));
-  Filter blit = pointFilter("BlitFilter1x16");
-  blit.instantiate(instances[0]);  // filter instances are shared by the backend's instances
-  std::atomic<int> mismatches{0};
-  std::vector<std::thread> hosts;
-  for (int h = 0; h < 4; ++h) {
-    hosts.emplace_back([&, h] {
-      auto& instance = *instances[size_t(h)];
-      for (int round = 0; round < 40; ++round) {
-        size_t const t = instance.createTarget({16, 16}, 16, true, Filtering::kNone, Format::kRgb8);
-        std::vector<int16_t> values(64, int16_t(h * 1000 + round));
-        std::vector<unsigned char> bytes(128);
-        std::memcpy(bytes.data(), values.data(), 128);
-        instance.setTile(size_t(round % 3), bytes, {8, 8, 1}, 0);
-        instance.drawTiles(t, blit, {0, 16, 0, 16}, {0, 16, 0, 16}, {8, 8},
-                           {{0, 0}, {1, 0}, {0, 1}, {1, 1}}, {size_t(round % 3), 7, 7, 7}, {});
-        instance.finalizeDrawSequence();
-        auto out = instance.getPixels(t, {0, 1, 0, 1});
-        int16_t v;
-        std::memcpy(&v, out.data(), 2);
-        if (v != values[0]) ++mismatches;
-        instance.eraseTarget(t);
-      }
-    });
-  }
-  for (auto& t : hosts) t.join();
-  EXPECT_EQ(mismatches.load(), 0);
-}
-
-TEST(BackendConcurrency, DestroyingTheLastInstanceDrainsQueuedBatches) {
-  auto context = std::make_unique<SoftwareRenderContext>(4, 4, 2);
-  auto backend = std::make_unique<SoftwareRenderBackend>(Format::kRgba8, 1 << 20);
-  auto instance = backend->createInstance(*context);
-  auto blit = std::make_unique<Filter>(pointFilter("BlitFilter4x8"));
-  blit->instantiate(instance);
-  std::vector<unsigned char> tile(64 * 64 * 4, 9);
-  instance->setTile(0, tile, {64, 64, 4}, 0);
-  for (int i = 0; i < 64; ++i) {
-    size_t const t = instance->createTarget({64, 64}, 32, false, Filtering::kNone, Format::kRgba8);
-    instance->drawTiles(t, *blit, {0, 64, 0, 64}, {0, 64, 0, 64}, {64, 64}, {{0, 0}}, {0}, {});
-    instance->finalizeDrawSequence();
-  }
-  // The filter description holds the instance; drop both, then the backend.
-  blit.reset();
-  instance.reset();
-  backend.reset();
-  SUCCEED();
-}
-
 }  // namespace
 }  // namespace quorvel

@@ -75,16 +75,43 @@ std::string readFailure(RenderBackendInstance& instance, size_t target, size_t s
   return "";
 }
 
-// One host round on its own instance: draw a tile onto a fresh target, or (every third
-// round) run a filter from a source that was never written, which must fail the target and
-// nothing else. Returns whether the outcome was the expected one.
-bool hostRound(RenderBackendInstance& instance, Filter const& blit, size_t round, size_t tileId) {
+// One host round on its own instance, with filter instances that any instance of the
+// backend may have created: draw an RGBA tile onto a fresh target; or (every third round,
+// from the second) a 2 x 2 grid of 16-bit single-channel tiles of which only the first is
+// set, so the other three squares must come out blank; or (every third round, from the
+// third) run a filter from a source that was never written, which must fail the target and
+// nothing else. Tile values depend on the host, so a tile read from another instance's
+// cache shows. Returns whether the outcome was the expected one.
+bool hostRound(RenderBackendInstance& instance, Filter const& blit, Filter const& blit16,
+               size_t host, size_t round) {
   constexpr size_t kSide = 16;
-  size_t const target = createRgbaTarget(instance, kSide);
-  bool const failing = round % 3 == 2;
-  auto const value = static_cast<unsigned char>(round * 7);
+  auto const value = static_cast<unsigned char>(host * 61 + round * 7);
   bool ok = true;
-  if (failing) {
+  if (round % 3 == 1) {
+    constexpr size_t kTile = kSide / 2;
+    size_t const target =
+        instance.createTarget({kSide, kSide}, 16, true, Filtering::kNone, Format::kRgb8);
+    size_t const tileId = 10 + round % 3;  // apart from the RGBA tiles: a tile keeps its size
+    std::vector<int16_t> const samples(kTile * kTile, static_cast<int16_t>(value * 100 - 9000));
+    std::vector<unsigned char> bytes(samples.size() * 2);
+    std::memcpy(bytes.data(), samples.data(), bytes.size());
+    instance.setTile(tileId, bytes, {kTile, kTile, 1}, 0);
+    instance.drawTiles(target, blit16, {0, kSide, 0, kSide}, {0, kSide, 0, kSide}, {kTile, kTile},
+                       {{0, 0}, {1, 0}, {0, 1}, {1, 1}}, {tileId, 7, 7, 7}, {});
+    instance.finalizeDrawSequence();
+    std::vector<unsigned char> const pixels = instance.getPixels(target, {0, kSide, 0, kSide});
+    for (size_t y = 0; y < kSide && ok; ++y) {
+      for (size_t x = 0; x < kSide && ok; ++x) {
+        int16_t v;
+        std::memcpy(&v, pixels.data() + (y * kSide + x) * 2, 2);
+        ok = v == (x < kTile && y < kTile ? samples[0] : 0);
+      }
+    }
+    instance.eraseTarget(target);
+    return ok;
+  }
+  size_t const target = createRgbaTarget(instance, kSide);
+  if (round % 3 == 2) {
     size_t const unwritten = createRgbaTarget(instance, kSide);
     instance.executeFilter(blit, {{unwritten, 0, 0, true}}, kSide, kSide, target, 0, 0, 0, 0,
                            FilterEmptyParams::instance(), {0, 0});
@@ -92,6 +119,7 @@ bool hostRound(RenderBackendInstance& instance, Filter const& blit, size_t round
     ok = readFailure(instance, target, kSide).find(kInErrorState) != std::string::npos;
     instance.eraseTarget(unwritten);
   } else {
+    size_t const tileId = round % 5;
     instance.setTile(tileId, rgbaTile(kSide, value), {kSide, kSide, 4}, 0);
     instance.drawTiles(target, blit, {0, kSide, 0, kSide}, {0, kSide, 0, kSide}, {kSide, kSide},
                        {{0, 0}}, {tileId}, {});
@@ -108,20 +136,24 @@ TEST(Stress, HostThreadsWithSeparateInstancesOfOneBackend) {
   SoftwareRenderContext context(8, 8, 2);
   SoftwareRenderBackend backend(Format::kRgba8, 1 << 20);
   std::vector<std::shared_ptr<RenderBackendInstance>> instances;
-  std::vector<Filter> blits;
+  std::vector<Filter> blits, blits16;
   // Filter instances live in one map of the backend: create them before the threads start.
+  // Each host runs filters created by every instance in turn, its own and the others'.
   for (size_t t = 0; t < kThreads; ++t) {
     instances.push_back(backend.createInstance(context));
     blits.push_back(pointFilter("BlitFilter4x8"));
     instances.back()->createFilterInstance(blits.back());
+    blits16.push_back(pointFilter("BlitFilter1x16"));
+    instances.back()->createFilterInstance(blits16.back());
   }
   auto const deadline = Clock::now() + budget(std::chrono::milliseconds(600));
   std::atomic<size_t> rounds{0}, wrong{0};
   std::vector<std::thread> hosts;
   for (size_t t = 0; t < kThreads; ++t) {
     hosts.emplace_back([&, t] {
-      for (size_t round = 0; round < 6 || Clock::now() < deadline; ++round) {
-        if (!hostRound(*instances[t], blits[t], round, round % 5)) ++wrong;
+      for (size_t round = 0; round < 12 || Clock::now() < deadline; ++round) {
+        size_t const owner = (t + round) % kThreads;
+        if (!hostRound(*instances[t], blits[owner], blits16[owner], t, round)) ++wrong;
         ++rounds;
       }
       (void)instances[t]->clearTiles();
@@ -260,25 +292,42 @@ TEST(Stress, TargetsErasedWhileTheirJobsArePending) {
 TEST(Stress, InstancesDestroyedWithBatchesQueued) {
   auto const deadline = Clock::now() + budget(std::chrono::milliseconds(500));
   for (size_t round = 0; round < 4 || Clock::now() < deadline; ++round) {
-    SoftwareRenderContext context(8, 8, 1 + round % 2);
+    // Alternate rounds take the filter through its description, which then holds the
+    // instance, and one or two workers, so that the first four rounds meet every pairing.
+    bool const viaDescription = round % 2 == 0;
+    SoftwareRenderContext context(8, 8, 1 + round / 2 % 2);
     auto backend = std::make_unique<SoftwareRenderBackend>(Format::kRgba8, 1 << 20);
     auto instance = backend->createInstance(context);
     auto second = backend->createInstance(context);
-    Filter blit = pointFilter("BlitFilter4x8");
-    instance->createFilterInstance(blit);
+    auto blit = std::make_unique<Filter>(pointFilter("BlitFilter4x8"));
+    if (viaDescription) {
+      blit->instantiate(instance);
+    } else {
+      instance->createFilterInstance(*blit);
+    }
     constexpr size_t kSide = 32;
     instance->setTile(0, rgbaTile(kSide, 1), {kSide, kSide, 4}, 0);
     for (int batch = 0; batch < 24; ++batch) {
       size_t const target = createRgbaTarget(*instance, kSide);
-      instance->drawTiles(target, blit, {0, kSide, 0, kSide}, {0, kSide, 0, kSide}, {kSide, kSide},
+      instance->drawTiles(target, *blit, {0, kSide, 0, kSide}, {0, kSide, 0, kSide}, {kSide, kSide},
                           {{0, 0}, {0, 0}}, {0, 7}, {});
       instance->finalizeDrawSequence();
     }
-    // The instance goes first, then the backend, then the last instance, whose destruction
-    // drains the queue while its batches still hold their targets and kernel.
-    instance.reset();
-    backend.reset();
-    second.reset();
+    if (viaDescription) {
+      // The description goes first, dropping the kernel it holds while batches still use
+      // it; then the instances, the last one while the backend is still there.
+      blit.reset();
+      instance.reset();
+      second.reset();
+      backend.reset();
+    } else {
+      // The instance goes first, then the backend, then the last instance, whose
+      // destruction drains the queue while its batches still hold their targets and kernel.
+      instance.reset();
+      backend.reset();
+      second.reset();
+      blit.reset();
+    }
   }
 }
 

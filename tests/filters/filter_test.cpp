@@ -2,8 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include "kernels/builtin_filters.hpp"
 #include "quorvel/filters/filter_parameters.hpp"
 #include "quorvel/filters/software_filter.hpp"
+#include "quorvel/host/render_backend.hpp"
+#include "quorvel/kernels/registry.hpp"
 #include "support/test_util.hpp"
 
 namespace quorvel {
@@ -223,6 +226,21 @@ TEST(BuiltinRegistry, HoldsTheTwentyEightNamesInRegistrationOrder) {
       "FilterLinear16TosRGB8", "FilterBlackWhiteGamma8", "FilterTruncate16",
       "FilterRemoveAlpha8"};
   EXPECT_EQ(factory.names(), expected);
+}
+
+TEST(BuiltinRegistry, TableDescriptionsAgreeAndNameExactlyTheThreeMaskFilters) {
+  std::vector<std::string> masks;
+  for (BuiltinFilter const& f : builtinFilters()) {
+    ASSERT_FALSE(f.inputs.empty()) << f.name;
+    ASSERT_NE(f.output, nullptr) << f.name;
+    // A description's bit count is that of one pixel of the first source and of the target.
+    EXPECT_EQ(f.bitsIn % f.componentsIn, 0u) << f.name;
+    EXPECT_EQ(f.bitsOut % f.componentsOut, 0u) << f.name;
+    if (isMaskFilter(f.name)) masks.push_back(f.name);
+  }
+  EXPECT_EQ(masks, (std::vector<std::string>{"MaskFilter3x8", "MaskFilter4x8", "MaskFilter3x16"}));
+  EXPECT_FALSE(isMaskFilter("MaskFilter"));
+  EXPECT_FALSE(isMaskFilter("maskfilter4x8"));
 }
 
 }  // namespace

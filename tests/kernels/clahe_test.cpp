@@ -10,6 +10,7 @@
 #include <random>
 #include <vector>
 
+#include "kernels/display/clahe_rows.hpp"
 #include "kernels/simd_targets.hpp"
 
 namespace quorvel {

@@ -12,16 +12,14 @@
 // thread collects its own batch of jobs).
 
 #include <cstddef>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <typeinfo>
 #include <utility>
 #include <vector>
 
-#include "quorvel/backend/lru_map.hpp"
 #include "quorvel/buffers/buffer2d.hpp"
+#include "quorvel/export.hpp"
 #include "quorvel/filters/software_filter.hpp"
 #include "quorvel/host/data_envelopes.hpp"
 #include "quorvel/host/render_backend.hpp"
@@ -32,31 +30,6 @@ class Renderer;
 class BufferProxy;
 class SoftwareRenderBackendInstance;
 
-namespace backend_detail {
-using TileKey = std::pair<size_t, size_t>;
-using EnvelopeKey = std::pair<size_t, std::vector<unsigned char>>;
-
-/// The tile cache shared by the instances of one backend, with the lock that guards it.
-struct TileCache {
-  explicit TileCache(size_t capacity) : map(capacity) {}
-  mutable std::mutex mutex;
-  LruMap<TileKey, std::shared_ptr<Buffer2D>> map;
-};
-
-/// The envelope cache shared by the instances of one backend.
-struct EnvelopeCache {
-  explicit EnvelopeCache(size_t capacity) : map(capacity) {}
-  mutable std::mutex mutex;
-  LruMap<EnvelopeKey, std::shared_ptr<DataEnvelopes>> map;
-};
-
-/// Filter-instance id -> kernel object, shared by the instances of one backend.
-struct FilterInstances {
-  mutable std::mutex mutex;
-  std::map<size_t, std::shared_ptr<SoftwareFilter>> map;
-};
-}  // namespace backend_detail
-
 /// A snapshot of one of the shared caches.
 struct CacheStats {
   size_t entries = 0;
@@ -66,7 +39,7 @@ struct CacheStats {
 };
 
 /// The CPU backend: owns the filter registry and hands out instances.
-class SoftwareRenderBackend : public RenderBackend {
+class QUORVEL_API SoftwareRenderBackend : public RenderBackend {
  public:
   /// A backend with the 28 built-in filters; `cacheCapacity` bounds each of the two caches
   /// (tile samples, envelope bytes) over their unlocked entries.
@@ -87,21 +60,24 @@ class SoftwareRenderBackend : public RenderBackend {
 
  private:
   friend class SoftwareRenderBackendInstance;
+  // The state shared by the instances of one generation, each with the lock that guards
+  // it: the tile cache, the envelope cache and the filter-instance map.
+  struct TileCache;
+  struct EnvelopeCache;
+  struct FilterInstances;
 
   size_t nextInstanceId_ = 0;
-  std::weak_ptr<backend_detail::TileCache> tileCacheRef_;
-  std::weak_ptr<backend_detail::EnvelopeCache> envelopeCacheRef_;
-  std::weak_ptr<backend_detail::FilterInstances> filterInstancesRef_;
+  std::weak_ptr<TileCache> tileCacheRef_;
+  std::weak_ptr<EnvelopeCache> envelopeCacheRef_;
+  std::weak_ptr<FilterInstances> filterInstancesRef_;
   std::shared_ptr<SoftwareFilterFactory> builtinFactory_;
   std::shared_ptr<SoftwareFilterFactory> extraFactory_;
-  ImageFormatType formatType_;
   std::weak_ptr<Renderer> rendererRef_;
   size_t cacheCapacity_;
-  [[maybe_unused]] size_t reserved_ = 1;  // kept for layout compatibility; read by nothing
 };
 
 /// One host's view of a backend.
-class SoftwareRenderBackendInstance : public RenderBackendInstance {
+class QUORVEL_API SoftwareRenderBackendInstance : public RenderBackendInstance {
  public:
   SoftwareRenderBackendInstance(size_t id, RenderContext const& context,
                                 SoftwareRenderBackend& backend);
@@ -181,22 +157,20 @@ class SoftwareRenderBackendInstance : public RenderBackendInstance {
   CacheStats tileCacheStats() const;
   CacheStats envelopeCacheStats() const;
 
- protected:
-  /// The proxy under `target`; an unknown id yields null and leaves an empty entry.
-  std::shared_ptr<BufferProxy> getTarget(size_t target) const;
-
  private:
   std::shared_ptr<SoftwareFilter> findFilter(Filter const& filter) const;
   std::shared_ptr<BufferProxy> requireTarget(size_t target, char const* location) const;
+  /// What both getPixels do before copying: checks `rect` (and that `capacity` holds it),
+  /// sends the calling thread's batch and waits for the target. Returns the byte count.
+  size_t awaitReadBack(size_t target, std::vector<size_t> const& rect, size_t capacity,
+                       std::shared_ptr<BufferProxy>& proxy) const;
 
   size_t id_;
-  [[maybe_unused]] RenderContext const& context_;
-  std::shared_ptr<backend_detail::TileCache> tileCache_;
-  std::shared_ptr<backend_detail::FilterInstances> filterInstances_;
-  std::shared_ptr<backend_detail::EnvelopeCache> envelopeCache_;
+  std::shared_ptr<SoftwareRenderBackend::TileCache> tileCache_;
+  std::shared_ptr<SoftwareRenderBackend::FilterInstances> filterInstances_;
+  std::shared_ptr<SoftwareRenderBackend::EnvelopeCache> envelopeCache_;
   std::shared_ptr<SoftwareFilterFactory> builtinFactory_;
   std::shared_ptr<SoftwareFilterFactory> extraFactory_;
-  [[maybe_unused]] RenderBackend::ImageFormatType formatType_;
   std::shared_ptr<Renderer> renderer_;
 };
 

@@ -15,11 +15,12 @@
 
 #include "quorvel/buffers/pixel_types.hpp"
 #include "quorvel/errors/exception.hpp"
+#include "quorvel/export.hpp"
 
 namespace quorvel {
 
 /// An abstract drawing surface.
-class Canvas {
+class QUORVEL_API Canvas {
  public:
   virtual ~Canvas() = default;
   virtual size_t width() const = 0;
@@ -27,7 +28,7 @@ class Canvas {
 };
 
 /// The untyped pixel buffer that the backend passes around by shared_ptr.
-class Buffer2D : public Canvas {
+class QUORVEL_API Buffer2D : public Canvas {
  public:
   ~Buffer2D() override = default;
   /// {width, height}.
@@ -77,12 +78,14 @@ namespace buffer_detail {
 /// page (a 100 MB copy ran about 15% faster on huge pages). Smaller buffers, tiles among
 /// them, stay in the allocator's pools, where rounding to 2 MiB would waste memory.
 inline constexpr size_t kHugePageBytes = size_t{4} << 20;
+}  // namespace buffer_detail
+
+// Exported: a host's own Buffer2DVector storage comes from the library's pools as well.
 /// Scalable-allocator storage of `bytes`, the large blocks aligned and advised as above;
 /// throws std::bad_alloc when there is no memory.
-void* allocatePixelBytes(size_t bytes);
+QUORVEL_API void* allocatePixelBytes(size_t bytes);
 /// Frees what allocatePixelBytes(bytes) returned, given the same byte count.
-void freePixelBytes(void* p, size_t bytes) noexcept;
-}  // namespace buffer_detail
+QUORVEL_API void freePixelBytes(void* p, size_t bytes) noexcept;
 
 /// The scalable allocator's pools, with huge-page backing for large blocks.
 template <class T>
@@ -93,9 +96,9 @@ struct PixelAllocator {
   PixelAllocator(PixelAllocator<U> const&) noexcept {}
   T* allocate(size_t n) {
     if (n > SIZE_MAX / sizeof(T)) throw std::bad_array_new_length();
-    return static_cast<T*>(buffer_detail::allocatePixelBytes(n * sizeof(T)));
+    return static_cast<T*>(allocatePixelBytes(n * sizeof(T)));
   }
-  void deallocate(T* p, size_t n) noexcept { buffer_detail::freePixelBytes(p, n * sizeof(T)); }
+  void deallocate(T* p, size_t n) noexcept { freePixelBytes(p, n * sizeof(T)); }
   template <class U>
   bool operator==(PixelAllocator<U> const&) const noexcept {
     return true;
@@ -109,7 +112,7 @@ struct PixelAllocator {
 
 /// The concrete buffer of one of the ten pixel types.
 template <class PixelType>
-class Buffer2DVector final : public Buffer2D {
+class QUORVEL_API Buffer2DVector final : public Buffer2D {
  public:
   using Storage = std::vector<PixelType, PixelAllocator<PixelType>>;
 

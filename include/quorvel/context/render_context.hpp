@@ -4,18 +4,20 @@
 #include <cstddef>
 #include <memory>
 
+#include "quorvel/export.hpp"
+
 namespace quorvel {
 
 class Buffer2D;
 
 /// Base of every render context. Callers may derive their own context types.
-class RenderContext {
+class QUORVEL_API RenderContext {
  public:
   virtual ~RenderContext() = default;
 };
 
 /// The CPU context: an RGB output buffer and the size of the worker pool.
-class SoftwareRenderContext : public RenderContext {
+class QUORVEL_API SoftwareRenderContext : public RenderContext {
  public:
   /// Creates the width x height RGB8 output buffer (with storage) and records the number
   /// of worker threads the backend should start for this context.

@@ -11,10 +11,12 @@
 #include <stdexcept>
 #include <string>
 
+#include "quorvel/export.hpp"
+
 namespace quorvel {
 
 /// The library's exception. Its what() text is the composed, tagged message.
-class QuorvelException : public std::runtime_error {
+class QUORVEL_API QuorvelException : public std::runtime_error {
  public:
   /// The message as given, without tags.
   explicit QuorvelException(std::string const& message);
@@ -35,7 +37,7 @@ class QuorvelException : public std::runtime_error {
 };
 
 /// An I/O failure; the stream name is part of the text.
-class QuorvelIOException : public QuorvelException {
+class QUORVEL_API QuorvelIOException : public QuorvelException {
  public:
   QuorvelIOException(std::string const& name, std::string const& location,
                      std::string const& streamName, int errnum);
@@ -44,7 +46,7 @@ class QuorvelIOException : public QuorvelException {
 };
 
 /// A value out of range; keeps the value and a copy of the location for callers.
-class QuorvelRangeException : public QuorvelException {
+class QUORVEL_API QuorvelRangeException : public QuorvelException {
  public:
   QuorvelRangeException(std::string const& name, std::string const& location, uint64_t value);
   uint64_t value() const noexcept { return value_; }
@@ -56,7 +58,7 @@ class QuorvelRangeException : public QuorvelException {
 };
 
 /// A required property was not set.
-class QuorvelPropertyNotSetException : public QuorvelException {
+class QUORVEL_API QuorvelPropertyNotSetException : public QuorvelException {
  public:
   QuorvelPropertyNotSetException(std::string const& name, std::string const& location);
   QuorvelPropertyNotSetException(std::string const& name, std::string const& location,
@@ -65,11 +67,11 @@ class QuorvelPropertyNotSetException : public QuorvelException {
 
 /// The flat text of `e` and of every exception nested in it, outermost first.
 /// Thread-safe; reads errno of the calling thread for foreign nested exceptions.
-std::string collectMessages(std::exception const& e);
+QUORVEL_API std::string collectMessages(std::exception const& e);
 
 /// The readable multi-line form of collectMessages(e): names as "A (B (C))", then
 /// location, description, stream name and error number lines.
-std::string formatException(std::exception const& e);
+QUORVEL_API std::string formatException(std::exception const& e);
 
 /// Throws QuorvelException(name, location). Out of line so that call sites stay small.
 [[noreturn]] void throwQuorvel(char const* name, char const* location);

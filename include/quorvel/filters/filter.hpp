@@ -8,13 +8,15 @@
 #include <string>
 #include <vector>
 
-#include "quorvel/host/render_backend.hpp"
+#include "quorvel/export.hpp"
+#include "quorvel/host/render_types.hpp"
 
 namespace quorvel {
 
+class RenderBackendInstance;
 class SingleFilterParameters;
 
-class Filter {
+class QUORVEL_API Filter {
  public:
   using ParametersFactory = std::function<std::shared_ptr<SingleFilterParameters>()>;
 
@@ -27,7 +29,7 @@ class Filter {
          size_t scaleYDen, size_t numTexturesIn, size_t bitsPerPixelIn, size_t bitsPerPixelOut,
          size_t componentsIn, size_t componentsOut, size_t alignXIn, size_t alignXOut,
          size_t alignYIn, size_t alignYOut, std::vector<bool> signedIn, bool signedOut,
-         size_t bitDepthIn, RenderBackend::ImageFiltering filtering);
+         size_t bitDepthIn, ImageFiltering filtering);
   Filter(Filter const&) = default;
   Filter& operator=(Filter const&) = default;
   /// Asks the owning instance to drop its implementation when only this filter and the
@@ -88,7 +90,7 @@ class Filter {
   std::vector<bool> const& signedIn() const { return signedIn_; }
   bool signedOut() const { return signedOut_; }
   size_t bitDepthIn() const { return bitDepthIn_; }
-  RenderBackend::ImageFiltering filtering() const { return filtering_; }
+  ImageFiltering filtering() const { return filtering_; }
 
  protected:
   /// Drops the owning instance: kernel objects copied from a description must not keep the
@@ -109,13 +111,14 @@ class Filter {
   std::shared_ptr<size_t> implementation_;
   std::shared_ptr<RenderBackendInstance> instance_;
   size_t bitDepthIn_;
-  RenderBackend::ImageFiltering filtering_;
+  ImageFiltering filtering_;
 };
 
 /// A filter description with every geometry field neutral (no margins, unit scale, stride
 /// and alignment): the usual description of a per-pixel filter.
-Filter pointFilter(std::string const& name, size_t numTexturesIn = 1, size_t bitsPerPixelIn = 32,
-                   size_t bitsPerPixelOut = 32, size_t componentsIn = 4, size_t componentsOut = 4,
-                   size_t bitDepthIn = 8);
+QUORVEL_API Filter pointFilter(std::string const& name, size_t numTexturesIn = 1,
+                               size_t bitsPerPixelIn = 32, size_t bitsPerPixelOut = 32,
+                               size_t componentsIn = 4, size_t componentsOut = 4,
+                               size_t bitDepthIn = 8);
 
 }  // namespace quorvel

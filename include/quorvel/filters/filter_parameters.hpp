@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "quorvel/errors/exception.hpp"
+#include "quorvel/export.hpp"
 
 namespace quorvel {
 
@@ -18,10 +19,10 @@ class DataEnvelopes;
 
 namespace params_detail {
 inline constexpr char kCastLocation[] = "T& SingleFilterParameters::as<T>()";
-}
+}  // namespace params_detail
 
 /// Base of every parameter set.
-class SingleFilterParameters {
+class QUORVEL_API SingleFilterParameters {
  public:
   virtual ~SingleFilterParameters() = default;
   /// A new copy of the most derived object.
@@ -47,7 +48,7 @@ class SingleFilterParameters {
 
 /// Implements clone() for T by copy construction.
 template <class T>
-class CopyableSingleFilterParameters : public SingleFilterParameters {
+class QUORVEL_API CopyableSingleFilterParameters : public SingleFilterParameters {
  public:
   std::unique_ptr<SingleFilterParameters> clone() const override {
     return std::make_unique<T>(static_cast<T const&>(*this));
@@ -57,13 +58,13 @@ class CopyableSingleFilterParameters : public SingleFilterParameters {
 /// Parameters compared by a key, so a filter can cache data derived from them (a lookup
 /// table) and rebuild it only when the key changes.
 template <class T>
-class ComparableSingleFilterParameters : public SingleFilterParameters {
+class QUORVEL_API ComparableSingleFilterParameters : public SingleFilterParameters {
  public:
   virtual T key() const = 0;
 };
 
 /// No parameters. One shared instance stands for an absent set.
-class FilterEmptyParams : public CopyableSingleFilterParameters<FilterEmptyParams> {
+class QUORVEL_API FilterEmptyParams : public CopyableSingleFilterParameters<FilterEmptyParams> {
  public:
   /// The shared empty set passed where a job has no parameters.
   static FilterEmptyParams const& instance();
@@ -71,7 +72,8 @@ class FilterEmptyParams : public CopyableSingleFilterParameters<FilterEmptyParam
 
 /// "FilterTruncate16": clear the `bits` low-order bits, optionally reconstructing at the
 /// middle of the quantisation interval.
-class FilterTruncate16Params : public CopyableSingleFilterParameters<FilterTruncate16Params> {
+class QUORVEL_API FilterTruncate16Params
+    : public CopyableSingleFilterParameters<FilterTruncate16Params> {
  public:
   size_t bits = 0;
   bool reconstructAtMidpoint = false;
@@ -79,7 +81,7 @@ class FilterTruncate16Params : public CopyableSingleFilterParameters<FilterTrunc
 
 /// Implements clone() for a comparable parameter class T with key type K.
 template <class T, class K>
-class CopyableComparableParameters : public ComparableSingleFilterParameters<K> {
+class QUORVEL_API CopyableComparableParameters : public ComparableSingleFilterParameters<K> {
  public:
   std::unique_ptr<SingleFilterParameters> clone() const override {
     return std::make_unique<T>(static_cast<T const&>(*this));
@@ -87,7 +89,7 @@ class CopyableComparableParameters : public ComparableSingleFilterParameters<K> 
 };
 
 /// "FilterLinear16TosRGB8": black point, white point and gamma on the input scale.
-class FilterLinear16TosRGB8Params
+class QUORVEL_API FilterLinear16TosRGB8Params
     : public CopyableComparableParameters<FilterLinear16TosRGB8Params, std::string> {
  public:
   double gamma = 2.4;
@@ -98,7 +100,7 @@ class FilterLinear16TosRGB8Params
 };
 
 /// "FilterBlackWhiteGamma8": the same mapping on the 12-bit linear scale (0..4095).
-class FilterBlackWhiteGamma8Params
+class QUORVEL_API FilterBlackWhiteGamma8Params
     : public CopyableComparableParameters<FilterBlackWhiteGamma8Params, std::string> {
  public:
   double gamma = 2.4;
@@ -109,38 +111,41 @@ class FilterBlackWhiteGamma8Params
 
 /// "Filter3x3Matrix8" / "Filter3x3Matrix16": Q10 coefficients (entries 3i..3i+2 are input
 /// channel i's contributions to outputs 0..2) and a global factor.
-class Filter3x3MatrixParams : public CopyableSingleFilterParameters<Filter3x3MatrixParams> {
+class QUORVEL_API Filter3x3MatrixParams
+    : public CopyableSingleFilterParameters<Filter3x3MatrixParams> {
  public:
   std::array<int32_t, 9> matrix = {1024, 0, 0, 0, 1024, 0, 0, 0, 1024};
   double scale = 1.0;
 };
 
 /// "FilterCLAHE": clip limit as a multiple of the average bin count.
-class FilterClaheParams : public CopyableSingleFilterParameters<FilterClaheParams> {
+class QUORVEL_API FilterClaheParams : public CopyableSingleFilterParameters<FilterClaheParams> {
  public:
   double clipLimit = 2.0;
 };
 
 /// "FilterSharpness8": 0 leaves the image unchanged, 1 adds the full pixel-minus-blur.
-class FilterSharpness8Params : public CopyableSingleFilterParameters<FilterSharpness8Params> {
+class QUORVEL_API FilterSharpness8Params
+    : public CopyableSingleFilterParameters<FilterSharpness8Params> {
  public:
   double gain = 0.0;
 };
 
 /// "FilterSharpnessV16" (the combining pass of the 16-bit pair).
-class FilterSharpness16Params : public CopyableSingleFilterParameters<FilterSharpness16Params> {
+class QUORVEL_API FilterSharpness16Params
+    : public CopyableSingleFilterParameters<FilterSharpness16Params> {
  public:
   double gain = 0.0;
 };
 
 /// Mask filters: the envelope set whose rectangles are kept.
-class MaskFilterParams : public CopyableSingleFilterParameters<MaskFilterParams> {
+class QUORVEL_API MaskFilterParams : public CopyableSingleFilterParameters<MaskFilterParams> {
  public:
   std::shared_ptr<DataEnvelopes const> envelopes;
 };
 
 /// Parameters of many filter instances, keyed "<filter name>_#<instance number>".
-class ProcessingParameters {
+class QUORVEL_API ProcessingParameters {
  public:
   /// Stores `parameters` under the key, replacing any earlier object.
   void setParameters(std::string const& filtername, size_t filterInstanceId,

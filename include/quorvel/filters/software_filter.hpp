@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "quorvel/buffers/buffer2d.hpp"
+#include "quorvel/export.hpp"
 #include "quorvel/filters/filter.hpp"
 #include "quorvel/filters/filter_parameters.hpp"
 
@@ -15,7 +16,7 @@ namespace quorvel {
 
 /// A filter the CPU backend can run: a Filter description plus its kernel.
 /// Rectangles here are {x, y, width, height} as signed 32-bit values.
-class SoftwareFilter : public Filter {
+class QUORVEL_API SoftwareFilter : public Filter {
  public:
   /// Copies the description. The kernel object never keeps the description's owning
   /// instance: the instance owns the kernel, not the other way round.
@@ -86,8 +87,5 @@ class GenericMultiFactory {
 };
 
 using SoftwareFilterFactory = GenericMultiFactory<std::string, SoftwareFilter, Filter&>;
-
-/// Fills `factory` with the 28 built-in filters, in their registration order.
-void registerBuiltinFilters(SoftwareFilterFactory& factory);
 
 }  // namespace quorvel

@@ -7,11 +7,12 @@
 #include <memory>
 #include <vector>
 
+#include "quorvel/export.hpp"
 #include "quorvel/host/render_backend.hpp"
 
 namespace quorvel {
 
-class DataEnvelopes {
+class QUORVEL_API DataEnvelopes {
  public:
   /// An envelope or region with inclusive bounds.
   struct Rect {

@@ -9,6 +9,9 @@
 #include <utility>
 #include <vector>
 
+#include "quorvel/export.hpp"
+#include "quorvel/host/render_types.hpp"
+
 namespace quorvel {
 
 class RenderContext;
@@ -17,21 +20,12 @@ class SingleFilterParameters;
 class DataEnvelopes;
 class RenderBackendInstance;
 
-/// One input of executeFilter: a source target and the top-left of the area read from it
-/// (taken as signed 32-bit values), or the whole source buffer when `whole` is set.
-struct FilterSource {
-  size_t target;
-  size_t x;
-  size_t y;
-  bool whole;
-};
-
 /// Per-group envelope data: 16-bit keys and a list of {xmin, xmax, ymin, ymax} rectangles.
 using EnvelopeData =
     std::vector<std::pair<std::vector<uint16_t>, std::vector<std::vector<uint32_t>>>>;
 
 /// A backend: creates instances for render contexts.
-class RenderBackend {
+class QUORVEL_API RenderBackend {
  public:
   /// How the host stores its image data. The backend stores and forwards it.
   enum class ImageFormatType : int32_t {
@@ -41,14 +35,8 @@ class RenderBackend {
     kYCoCg16 = 3,
     kWavelet16 = 4,
   };
-  /// Sampling of a render target. Targets always report kLinear (4).
-  enum class ImageFiltering : int32_t {
-    kNone = 0,
-    kNearest = 1,
-    kNearestMipmap = 2,
-    kLinearMipmap = 3,
-    kLinear = 4,
-  };
+  /// Sampling of a render target (declared beside FilterSource, for filter descriptions).
+  using ImageFiltering = quorvel::ImageFiltering;
   /// Kind of buffer a staging buffer stands for.
   enum class BufferType : int32_t {
     kTile = 0,
@@ -61,7 +49,7 @@ class RenderBackend {
 };
 
 /// A tile's pixels filled on any thread and handed to the backend in one step.
-class ConcurrentStagingBuffer {
+class QUORVEL_API ConcurrentStagingBuffer {
  public:
   explicit ConcurrentStagingBuffer(size_t targetOrTileId) : targetOrTileId_(targetOrTileId) {}
   virtual ~ConcurrentStagingBuffer() = default;
@@ -81,7 +69,7 @@ class ConcurrentStagingBuffer {
 /// The operations a host calls on a backend instance. Rectangles are [x, width, y, height],
 /// sizes [width, height]. Drawing calls only queue work; finalizeDrawSequence() sends it to
 /// the workers, and reads wait for it.
-class RenderBackendInstance {
+class QUORVEL_API RenderBackendInstance {
  public:
   virtual ~RenderBackendInstance() = default;
 

@@ -9,6 +9,7 @@
 #include <limits>
 
 #include "filters/kernel_frame.hpp"
+#include "kernels/display/clahe_rows.hpp"
 
 namespace quorvel {
 namespace clahe_detail {

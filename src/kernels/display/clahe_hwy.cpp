@@ -15,6 +15,7 @@
 
 #include <algorithm>
 
+#include "kernels/display/clahe_rows.hpp"
 #include "kernels/prefetch_ahead.hpp"
 #include "quorvel/kernels/display/clahe.hpp"
 

@@ -134,8 +134,8 @@ void SoftwareInterleaveFilter<T, N>::apply(std::vector<std::shared_ptr<Buffer2D>
               spans[c].inX + common.outX - spans[c].outX;
   }
   auto const tw = static_cast<int64_t>(target.width());
-  bool const stream = static_cast<size_t>(common.width * common.height) * sizeof(T) * N >=
-                      kernel::kStreamThresholdBytes;
+  bool const stream =
+      kernel::streamTarget(static_cast<size_t>(common.width * common.height) * sizeof(T) * N);
   std::array<T, N>* out = target.data() + common.outY * tw + common.outX;
   // Full-width rows in every buffer are one contiguous run: a single call.
   bool contiguous = common.width == tw;

@@ -14,8 +14,8 @@
 #include <hwy/highway.h>
 
 #include "kernels/reconstruction/pixel_rows.hpp"
-#include "kernels/reconstruction/stream_store-inl.h"
 #include "quorvel/kernels/reconstruction/conversions.hpp"
+#include "simd/stream_store-inl.h"
 
 #ifndef QUORVEL_CONVERSIONS_HWY_SHARED
 #define QUORVEL_CONVERSIONS_HWY_SHARED

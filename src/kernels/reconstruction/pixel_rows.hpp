@@ -43,8 +43,7 @@ void forEachRow(Buffer2DVector<In> const& source, Buffer2DVector<Out>& target, S
   if (s.empty()) return;
   auto const sw = static_cast<int64_t>(source.width());
   auto const tw = static_cast<int64_t>(target.width());
-  bool const stream =
-      static_cast<size_t>(s.width * s.height) * sizeof(Out) >= kStreamThresholdBytes;
+  bool const stream = streamTarget(static_cast<size_t>(s.width * s.height) * sizeof(Out));
   In const* in = source.data() + s.inY * sw + s.inX;
   Out* out = target.data() + s.outY * tw + s.outX;
   if (s.width == sw && s.width == tw) {

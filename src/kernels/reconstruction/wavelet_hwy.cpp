@@ -15,9 +15,9 @@
 #include <hwy/highway.h>
 
 #include "filters/kernel_frame.hpp"
-#include "kernels/reconstruction/stream_store-inl.h"
 #include "kernels/reconstruction/wavelet_passes.hpp"
 #include "quorvel/kernels/reconstruction/wavelet.hpp"
+#include "simd/stream_store-inl.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace quorvel::HWY_NAMESPACE {
@@ -110,7 +110,7 @@ void WaveletVertical(WaveletPlan const& plan) {
   // row, whose extra store stream costs more than the three vector operations it saves.
   // A large target streams its row pairs when every row starts on a cache line.
   auto const pairs = static_cast<size_t>(plan.pairEnd - plan.pairBegin);
-  bool const stream = count * pairs * 2 * sizeof(int16_t) >= kernel::kStreamThresholdBytes;
+  bool const stream = kernel::streamTarget(count * pairs * 2 * sizeof(int16_t));
   for (int64_t k = plan.pairBegin; k < plan.pairEnd; ++k) {
     int16_t const* const rows[5] = {lowRow(k), lowRow(k + 1), highRow(k), highRow(k + 1),
                                     highRow(k + 2)};
@@ -137,8 +137,8 @@ void WaveletHorizontal(WaveletPlan const& plan) {
   const hn::CappedTag<int16_t, 16> d;
   const auto lanes = static_cast<int64_t>(hn::Lanes(d));
   auto const pairs = static_cast<size_t>(plan.pairEnd - plan.pairBegin);
-  bool const stream = static_cast<size_t>(plan.count) * pairs * 2 * sizeof(int16_t) >=
-                      kernel::kStreamThresholdBytes;
+  bool const stream =
+      kernel::streamTarget(static_cast<size_t>(plan.count) * pairs * 2 * sizeof(int16_t));
   for (int64_t r = 0; r < plan.count; ++r) {
     int64_t const li = plan.lowBase + r * plan.bandStride;
     int64_t const hi = plan.highBase + r * plan.bandStride;

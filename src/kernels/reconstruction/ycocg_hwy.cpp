@@ -8,8 +8,8 @@
 #include <hwy/highway.h>
 
 #include "kernels/reconstruction/pixel_rows.hpp"
-#include "kernels/reconstruction/stream_store-inl.h"
 #include "quorvel/kernels/reconstruction/ycocg.hpp"
+#include "simd/stream_store-inl.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace quorvel::HWY_NAMESPACE {

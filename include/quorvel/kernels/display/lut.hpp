@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "quorvel/buffers/buffer2d.hpp"
+#include "quorvel/export.hpp"
 #include "quorvel/filters/filter.hpp"
 #include "quorvel/filters/filter_parameters.hpp"
 #include "quorvel/filters/software_filter.hpp"
@@ -29,26 +30,27 @@ namespace quorvel {
 /// are clamped to the top level; levels below min(black, white) give 0, levels from white
 /// upward 255, and the levels between follow a gamma curve with a linear toe (gamma > 1) or
 /// a pure power curve. Rounds half away from zero.
-std::vector<uint8_t> makeGammaLut(size_t bits, double gamma, size_t black, size_t white);
+QUORVEL_API std::vector<uint8_t> makeGammaLut(size_t bits, double gamma, size_t black,
+                                              size_t white);
 
 /// The exact sRGB encode table of 2^bits entries (bits <= 24), scaled to 255 and floored:
 /// at 8 bits 0 -> 0, 1 -> 12 and 255 -> 254.
-std::vector<uint8_t> makeSrgbLut(size_t bits);
+QUORVEL_API std::vector<uint8_t> makeSrgbLut(size_t bits);
 
 /// 8-bit sRGB-encoded levels decoded to a linear scale on which white is 3500 (256 entries).
-std::vector<int16_t> makeSrgbToLinear3500();
+QUORVEL_API std::vector<int16_t> makeSrgbToLinear3500();
 
 /// The table of the linear-to-sRGB filters at the given input bit depth: the exact 8-bit
 /// table at 8 bits, the gamma 2.4 curve otherwise. Fails with "unsupported bit depth for
 /// SoftwareFilterLinearTo8bitSRGB" above 16 bits.
-std::vector<uint8_t> makeLinearToSrgbLut(size_t bitDepthIn);
+QUORVEL_API std::vector<uint8_t> makeLinearToSrgbLut(size_t bitDepthIn);
 
 /// Base of the lookup-table filters: input pixels of InputChannels x InputChannel, output
 /// pixels of OutputChannels x OutputChannel, tables cached under a Key derived from the
 /// parameters. Only 3 x int16 -> 4 x uint8 and 4 x uint8 -> 4 x uint8 are instantiated.
 template <class InputChannel, size_t InputChannels, class OutputChannel, size_t OutputChannels,
           class Key>
-class SoftwareFilterLut : public SoftwareFilter {
+class QUORVEL_API SoftwareFilterLut : public SoftwareFilter {
  public:
   using OutputPixelType = OutputChannel;
   using Lut = std::vector<OutputPixelType>;
@@ -106,7 +108,7 @@ class SoftwareFilterLut : public SoftwareFilter {
 /// "FilterLinear8ToSRGB8" (4 x uint8) and "FilterLinear16ToSRGB8" (3 x int16): sRGB encode
 /// at the description's bitDepthIn. Takes no parameters; keyed by bitDepthIn as uint8_t.
 template <class InputChannel, size_t InputChannels, class OutputChannel, size_t OutputChannels>
-class SoftwareFilterLinearTo8bitSRGB
+class QUORVEL_API SoftwareFilterLinearTo8bitSRGB
     : public SoftwareFilterLut<InputChannel, InputChannels, OutputChannel, OutputChannels,
                                uint8_t> {
   using Base =
@@ -123,7 +125,7 @@ class SoftwareFilterLinearTo8bitSRGB
 /// "FilterLinear16TosRGB8": makeGammaLut(bitDepthIn, gamma, blackPoint, whitePoint) from
 /// FilterLinear16TosRGB8Params.
 template <class InputChannel, size_t InputChannels, class OutputChannel, size_t OutputChannels>
-class SoftwareFilterLinear16TosRGB8
+class QUORVEL_API SoftwareFilterLinear16TosRGB8
     : public SoftwareFilterLut<InputChannel, InputChannels, OutputChannel, OutputChannels,
                                std::string> {
   using Base =
@@ -137,7 +139,7 @@ class SoftwareFilterLinear16TosRGB8
 
 /// "FilterBlackWhiteGamma8": 8-bit sRGB input decoded to the 12-bit linear scale (white at
 /// 3500), then mapped by makeGammaLut(12, ...) from FilterBlackWhiteGamma8Params.
-class SoftwareFilterBlackWhiteGamma8
+class QUORVEL_API SoftwareFilterBlackWhiteGamma8
     : public SoftwareFilterLut<uint8_t, 4, uint8_t, 4, std::string> {
   using Base = SoftwareFilterLut<uint8_t, 4, uint8_t, 4, std::string>;
 

@@ -2,6 +2,7 @@
 // Mask filters: copy from the source only the pixels inside the data envelopes that
 // intersect the region being rendered; everything else in the target is left as it was.
 
+#include "quorvel/export.hpp"
 #include "quorvel/filters/software_filter.hpp"
 
 namespace quorvel {
@@ -11,7 +12,7 @@ namespace quorvel {
 /// top-left corner; the region arrives as outputRects[0] in that bound order, and the
 /// envelopes in MaskFilterParams.
 template <class P>
-class SoftwareMaskFilter : public SoftwareFilter {
+class QUORVEL_API SoftwareMaskFilter : public SoftwareFilter {
  public:
   explicit SoftwareMaskFilter(Filter const& description) : SoftwareFilter(description) {}
   void apply(std::vector<std::shared_ptr<Buffer2D>> const& inputs,

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "quorvel/buffers/buffer2d.hpp"
+#include "quorvel/export.hpp"
 #include "quorvel/filters/filter.hpp"
 #include "quorvel/filters/filter_parameters.hpp"
 #include "quorvel/filters/software_filter.hpp"
@@ -23,7 +24,7 @@ namespace quorvel {
 /// Multiplies the three colour samples of every pixel by a scaled Q10 matrix. Instantiated
 /// for <uint8_t, uint8_t, 4> and <int16_t, int16_t, 3>.
 template <class InputChannel, class OutputChannel, size_t Channels>
-class SoftwareFilter3x3Matrix : public SoftwareFilter {
+class QUORVEL_API SoftwareFilter3x3Matrix : public SoftwareFilter {
  public:
   using InputPixel = std::array<InputChannel, Channels>;
   using OutputPixel = std::array<OutputChannel, Channels>;

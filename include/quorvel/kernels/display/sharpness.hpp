@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "quorvel/buffers/buffer2d.hpp"
+#include "quorvel/export.hpp"
 #include "quorvel/filters/filter.hpp"
 #include "quorvel/filters/filter_parameters.hpp"
 #include "quorvel/filters/software_filter.hpp"
@@ -31,7 +32,7 @@ namespace quorvel {
 /// "FilterSharpness8": one-pass 5 x 5 unsharp mask of Channels x Channel pixels, every
 /// channel (alpha included) on its own. Only <uint8_t, 4> is instantiated.
 template <class Channel, size_t Channels>
-class SoftwareFilterSharpness : public SoftwareFilter {
+class QUORVEL_API SoftwareFilterSharpness : public SoftwareFilter {
   static_assert(sizeof(Channel) == 1, "the one-pass sharpness filter works on 8-bit channels");
 
  public:
@@ -49,7 +50,7 @@ class SoftwareFilterSharpness : public SoftwareFilter {
 /// "FilterSharpnessH16": horizontal 1-13-36-13-1 blur sum of Channels x int16 pixels, each
 /// sample clamped to [0, 1023] first, stored as Channels x uint16. Reads no parameters.
 template <size_t Channels>
-class SoftwareFilterSharpnessH16 : public SoftwareFilter {
+class QUORVEL_API SoftwareFilterSharpnessH16 : public SoftwareFilter {
  public:
   explicit SoftwareFilterSharpnessH16(Filter const& description) : SoftwareFilter(description) {}
 
@@ -65,7 +66,7 @@ class SoftwareFilterSharpnessH16 : public SoftwareFilter {
 /// Channels x int16 image, source 1 the Channels x uint16 output of the horizontal pass;
 /// the output is Channels x int16.
 template <size_t Channels>
-class SoftwareFilterSharpnessV16 : public SoftwareFilter {
+class QUORVEL_API SoftwareFilterSharpnessV16 : public SoftwareFilter {
  public:
   explicit SoftwareFilterSharpnessV16(Filter const& description) : SoftwareFilter(description) {}
 

@@ -1,6 +1,7 @@
 #pragma once
 // Blits: whole-pixel row copies from a source rectangle to the target.
 
+#include "quorvel/export.hpp"
 #include "quorvel/filters/software_filter.hpp"
 
 namespace quorvel {
@@ -8,7 +9,7 @@ namespace quorvel {
 /// "BlitFilter1x16", "BlitFilter3x16", "BlitFilter3x8", "BlitFilter4x8": copies the source
 /// rectangle to the output rectangle row by row after clipping both to their buffers.
 template <class In, class Out>
-class SoftwareBlitFilter : public SoftwareFilter {
+class QUORVEL_API SoftwareBlitFilter : public SoftwareFilter {
   static_assert(sizeof(In) == sizeof(Out), "a blit copies pixels of one size");
 
  public:

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "quorvel/buffers/buffer2d.hpp"
+#include "quorvel/export.hpp"
 #include "quorvel/filters/filter.hpp"
 #include "quorvel/filters/filter_parameters.hpp"
 #include "quorvel/filters/software_filter.hpp"
@@ -26,7 +27,7 @@ namespace quorvel {
 
 /// "Filter3x16To4x8": {R, G, B} x int16 to {R, G, B, 255} x uint8, each channel clamped.
 template <class In, class Out>
-class SoftwareFilter3x16To4x8 : public SoftwareFilter {
+class QUORVEL_API SoftwareFilter3x16To4x8 : public SoftwareFilter {
  public:
   explicit SoftwareFilter3x16To4x8(Filter const& description) : SoftwareFilter(description) {}
   /// Converts inputRects[0] of inputs[0] into outputRects[0] of outputs[0].
@@ -35,7 +36,7 @@ class SoftwareFilter3x16To4x8 : public SoftwareFilter {
 
 /// "Filter1x16To1x8": int16 to uint8, clamped to 0..255.
 template <class In, class Out>
-class SoftwareFilter1x16To1x8 : public SoftwareFilter {
+class QUORVEL_API SoftwareFilter1x16To1x8 : public SoftwareFilter {
  public:
   explicit SoftwareFilter1x16To1x8(Filter const& description) : SoftwareFilter(description) {}
   /// Converts inputRects[0] of inputs[0] into outputRects[0] of outputs[0].
@@ -45,7 +46,7 @@ class SoftwareFilter1x16To1x8 : public SoftwareFilter {
 /// "Filter1x16ToRGB8": int16 v to {v, v, v, 255} x uint8 with v clamped to 0..255 (the
 /// target pixel is std::array<uint8_t, 4>).
 template <class In, class Out>
-class SoftwareFilterSingleChannelToRGB : public SoftwareFilter {
+class QUORVEL_API SoftwareFilterSingleChannelToRGB : public SoftwareFilter {
  public:
   explicit SoftwareFilterSingleChannelToRGB(Filter const& description)
       : SoftwareFilter(description) {}
@@ -56,7 +57,7 @@ class SoftwareFilterSingleChannelToRGB : public SoftwareFilter {
 /// "FilterInterleave16": N planes of T into std::array<T, N> pixels; source c is read in
 /// its own rectangle inputRects[c]. Only <int16_t, 3> is instantiated.
 template <class T, size_t N>
-class SoftwareInterleaveFilter : public SoftwareFilter {
+class QUORVEL_API SoftwareInterleaveFilter : public SoftwareFilter {
  public:
   explicit SoftwareInterleaveFilter(Filter const& description) : SoftwareFilter(description) {}
   /// Writes the part of outputRects[0] that every source's validated rectangle covers.
@@ -66,7 +67,7 @@ class SoftwareInterleaveFilter : public SoftwareFilter {
 /// "FilterRemoveAlpha8": std::array<T, 4> to std::array<T, 3>, dropping channel 3. The
 /// rectangles are used without validation, only shrunk to stay inside both buffers.
 template <class T>
-class SoftwareFilterRemoveAlpha : public SoftwareFilter {
+class QUORVEL_API SoftwareFilterRemoveAlpha : public SoftwareFilter {
  public:
   explicit SoftwareFilterRemoveAlpha(Filter const& description) : SoftwareFilter(description) {}
   /// Converts inputRects[0] of inputs[0] into outputRects[0] of outputs[0].
@@ -78,7 +79,7 @@ class SoftwareFilterRemoveAlpha : public SoftwareFilter {
 /// their interval; bits >= 16 zeroes a run of width x height elements from the output
 /// origin, clamped to the buffer's end.
 template <class T>
-class SoftwareFilterTruncate : public SoftwareFilter {
+class QUORVEL_API SoftwareFilterTruncate : public SoftwareFilter {
  public:
   explicit SoftwareFilterTruncate(Filter const& description) : SoftwareFilter(description) {}
   /// Fails with "Filter parameters cast failed" for another parameter class.
@@ -98,19 +99,20 @@ namespace reference {
 
 /// Scalar rows (benchmark baselines) of `pixels` pixels, channels interleaved.
 /// {R, G, B} x int16 -> {R, G, B, 255} x uint8, clamped.
-void rgb16ToRgba8(int16_t const* src, uint8_t* dst, size_t pixels);
+QUORVEL_API void rgb16ToRgba8(int16_t const* src, uint8_t* dst, size_t pixels);
 /// int16 -> uint8, clamped.
-void gray16To8(int16_t const* src, uint8_t* dst, size_t pixels);
+QUORVEL_API void gray16To8(int16_t const* src, uint8_t* dst, size_t pixels);
 /// int16 v -> {v, v, v, 255} x uint8, clamped.
-void gray16ToRgba8(int16_t const* src, uint8_t* dst, size_t pixels);
+QUORVEL_API void gray16ToRgba8(int16_t const* src, uint8_t* dst, size_t pixels);
 /// Three planes -> {c0, c1, c2} x int16.
-void interleave3(int16_t const* c0, int16_t const* c1, int16_t const* c2, int16_t* dst,
-                 size_t pixels);
+QUORVEL_API void interleave3(int16_t const* c0, int16_t const* c1, int16_t const* c2, int16_t* dst,
+                             size_t pixels);
 /// {R, G, B, A} x uint8 -> {R, G, B} x uint8.
-void removeAlpha(uint8_t const* src, uint8_t* dst, size_t pixels);
+QUORVEL_API void removeAlpha(uint8_t const* src, uint8_t* dst, size_t pixels);
 /// Quantises `count` values with `bits` (< 16) low-order magnitude bits cleared; midpoint
 /// adds (2^bits - 1) >> 1 to non-zero magnitudes. -32768 keeps its 16-bit magnitude.
-void truncate16(int16_t const* src, int16_t* dst, size_t count, unsigned bits, bool midpoint);
+QUORVEL_API void truncate16(int16_t const* src, int16_t* dst, size_t count, unsigned bits,
+                            bool midpoint);
 
 }  // namespace reference
 }  // namespace quorvel

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "quorvel/buffers/buffer2d.hpp"
+#include "quorvel/export.hpp"
 #include "quorvel/filters/filter.hpp"
 #include "quorvel/filters/filter_parameters.hpp"
 #include "quorvel/filters/software_filter.hpp"
@@ -31,7 +32,7 @@ namespace quorvel {
 /// "FilterFirIV53LeGall16": merges a low and a high band of rows into twice as many rows.
 /// Only <int16_t, int16_t> is instantiated.
 template <class In, class Out>
-class SoftwareFilterFirIV53LeGall16 : public SoftwareFilter {
+class QUORVEL_API SoftwareFilterFirIV53LeGall16 : public SoftwareFilter {
  public:
   explicit SoftwareFilterFirIV53LeGall16(Filter const& description) : SoftwareFilter(description) {}
 
@@ -47,7 +48,7 @@ class SoftwareFilterFirIV53LeGall16 : public SoftwareFilter {
 /// "FilterFirIH53LeGall16": merges a low and a high band of columns into twice as many
 /// columns. Only <int16_t, int16_t> is instantiated.
 template <class In, class Out>
-class SoftwareFilterFirIH53LeGall16 : public SoftwareFilter {
+class QUORVEL_API SoftwareFilterFirIH53LeGall16 : public SoftwareFilter {
  public:
   explicit SoftwareFilterFirIH53LeGall16(Filter const& description) : SoftwareFilter(description) {}
 
@@ -79,17 +80,17 @@ inline int16_t waveletOdd(int16_t h1, int16_t e0, int16_t e1) {
 
 /// The vertical filter's kernel run entirely in scalar code: same arguments, rectangle
 /// handling and results as SoftwareFilterFirIV53LeGall16::apply (benchmark baseline).
-void firIV53LeGall16(std::vector<std::shared_ptr<Buffer2D>> const& inputs,
-                     std::vector<std::vector<int>> const& inputRects,
-                     std::vector<std::shared_ptr<Buffer2D>> const& outputs,
-                     std::vector<std::vector<int>> const& outputRects);
+QUORVEL_API void firIV53LeGall16(std::vector<std::shared_ptr<Buffer2D>> const& inputs,
+                                 std::vector<std::vector<int>> const& inputRects,
+                                 std::vector<std::shared_ptr<Buffer2D>> const& outputs,
+                                 std::vector<std::vector<int>> const& outputRects);
 
 /// The horizontal filter's kernel run entirely in scalar code: same arguments, rectangle
 /// handling and results as SoftwareFilterFirIH53LeGall16::apply (benchmark baseline).
-void firIH53LeGall16(std::vector<std::shared_ptr<Buffer2D>> const& inputs,
-                     std::vector<std::vector<int>> const& inputRects,
-                     std::vector<std::shared_ptr<Buffer2D>> const& outputs,
-                     std::vector<std::vector<int>> const& outputRects);
+QUORVEL_API void firIH53LeGall16(std::vector<std::shared_ptr<Buffer2D>> const& inputs,
+                                 std::vector<std::vector<int>> const& inputRects,
+                                 std::vector<std::shared_ptr<Buffer2D>> const& outputs,
+                                 std::vector<std::vector<int>> const& outputRects);
 
 }  // namespace reference
 }  // namespace quorvel

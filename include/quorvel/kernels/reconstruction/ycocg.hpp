@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "quorvel/buffers/buffer2d.hpp"
+#include "quorvel/export.hpp"
 #include "quorvel/filters/filter.hpp"
 #include "quorvel/filters/filter_parameters.hpp"
 #include "quorvel/filters/software_filter.hpp"
@@ -21,7 +22,7 @@ namespace quorvel {
 /// "FilterYCoCg16ToRGB16": {Y, Co, Cg} to {R, G, B}, all in 16-bit wrap-around arithmetic.
 /// Only <int16_t, int16_t> is instantiated.
 template <class In, class Out>
-class SoftwareFilterYCoCgToRGB : public SoftwareFilter {
+class QUORVEL_API SoftwareFilterYCoCgToRGB : public SoftwareFilter {
  public:
   explicit SoftwareFilterYCoCgToRGB(Filter const& description) : SoftwareFilter(description) {}
   /// Converts inputRects[0] of inputs[0] into outputRects[0] of outputs[0].
@@ -35,7 +36,7 @@ class SoftwareFilterYCoCgToRGB : public SoftwareFilter {
 /// "FilterYCoCg16ToRGBA8": {Y, Co, Cg} to {R, G, B, 255}, computed in 32 bits and clamped
 /// to 0..255. Only <int16_t, uint8_t> is instantiated.
 template <class In, class Out>
-class SoftwareFilterYCoCgToRGBA : public SoftwareFilter {
+class QUORVEL_API SoftwareFilterYCoCgToRGBA : public SoftwareFilter {
  public:
   explicit SoftwareFilterYCoCgToRGBA(Filter const& description) : SoftwareFilter(description) {}
   /// Converts inputRects[0] of inputs[0] into outputRects[0] of outputs[0].
@@ -49,7 +50,7 @@ class SoftwareFilterYCoCgToRGBA : public SoftwareFilter {
 /// "FilterRGBA8ToYCoCg16": {R, G, B, A} to {Y, Co, Cg}; alpha is ignored.
 /// Only <uint8_t, int16_t> is instantiated.
 template <class In, class Out>
-class SoftwareFilterRGBAToYCoCg : public SoftwareFilter {
+class QUORVEL_API SoftwareFilterRGBAToYCoCg : public SoftwareFilter {
  public:
   explicit SoftwareFilterRGBAToYCoCg(Filter const& description) : SoftwareFilter(description) {}
   /// Converts inputRects[0] of inputs[0] into outputRects[0] of outputs[0].
@@ -68,11 +69,11 @@ namespace reference {
 
 /// Scalar rows (benchmark baselines): `pixels` interleaved pixels from src to dst.
 /// {Y, Co, Cg} x int16 -> {R, G, B} x int16, 16-bit wrap-around.
-void yCoCgToRgb16(int16_t const* src, int16_t* dst, size_t pixels);
+QUORVEL_API void yCoCgToRgb16(int16_t const* src, int16_t* dst, size_t pixels);
 /// {Y, Co, Cg} x int16 -> {R, G, B, 255} x uint8, clamped.
-void yCoCgToRgba8(int16_t const* src, uint8_t* dst, size_t pixels);
+QUORVEL_API void yCoCgToRgba8(int16_t const* src, uint8_t* dst, size_t pixels);
 /// {R, G, B, A} x uint8 -> {Y, Co, Cg} x int16.
-void rgba8ToYCoCg(uint8_t const* src, int16_t* dst, size_t pixels);
+QUORVEL_API void rgba8ToYCoCg(uint8_t const* src, int16_t* dst, size_t pixels);
 
 }  // namespace reference
 }  // namespace quorvel

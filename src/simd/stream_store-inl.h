@@ -1,16 +1,16 @@
-// Non-temporal row writing shared by the reconstruction kernels (per-target include guard:
-// this header is included once per SIMD target from the *_hwy.cpp files).
+// Non-temporal row writing shared by the kernels and the read-back copy (per-target include
+// guard: this header is included once per SIMD target from the *_hwy.cpp files).
 //
 // Large outputs are written with streaming stores: they skip the read-for-ownership of
 // each target cache line and do not evict the sources, which keeps a pass over a plane
 // larger than the caches close to copy speed. Small outputs use ordinary stores, because
 // the next filter of the chain reads them back from the cache.
 
-#if defined(QUORVEL_KERNELS_STREAM_STORE_INL_H_) == defined(HWY_TARGET_TOGGLE)
-#ifdef QUORVEL_KERNELS_STREAM_STORE_INL_H_
-#undef QUORVEL_KERNELS_STREAM_STORE_INL_H_
+#if defined(QUORVEL_SIMD_STREAM_STORE_INL_H_) == defined(HWY_TARGET_TOGGLE)
+#ifdef QUORVEL_SIMD_STREAM_STORE_INL_H_
+#undef QUORVEL_SIMD_STREAM_STORE_INL_H_
 #else
-#define QUORVEL_KERNELS_STREAM_STORE_INL_H_
+#define QUORVEL_SIMD_STREAM_STORE_INL_H_
 #endif
 
 #include <hwy/cache_control.h>
@@ -132,4 +132,4 @@ HWY_INLINE void WriteBlocks(uint8_t* dst, size_t count, size_t itemBytes, size_t
 }  // namespace quorvel::HWY_NAMESPACE
 HWY_AFTER_NAMESPACE();
 
-#endif  // QUORVEL_KERNELS_STREAM_STORE_INL_H_
+#endif  // QUORVEL_SIMD_STREAM_STORE_INL_H_
