@@ -3,10 +3,10 @@
 // happens in place without a blank frame.
 
 import assert from 'node:assert/strict';
-import { after, before, describe, test } from 'node:test';
+import { describe, test } from 'node:test';
 import {
-  canvasPixels, compare, launchBrowser, openPage, pixelAlignedView, screenshot, serverPixels,
-  startServer, statistics, waitIdle,
+  canvasPixels, compare, openPage, pixelAlignedView, screenshot, serverAndBrowser, serverPixels,
+  statistics, waitIdle,
 } from './lib/harness.mjs';
 
 const ID = 'slide';
@@ -22,19 +22,10 @@ async function alignedUrl(page, server, left, top, extra) {
 }
 
 describe('display parameters', { timeout: 120000 }, () => {
-  let server;
-  let browser;
-  before(async () => {
-    server = await startServer();
-    browser = await launchBrowser();
-  });
-  after(async () => {
-    await browser?.close();
-    await server?.stop();
-  });
+  const env = serverAndBrowser();
 
   test('the gamma slider re-renders in place and the canvas matches the server at that gamma', async () => {
-    const { page, context, problems } = await openPage(browser);
+    const { page, context, problems } = await openPage(env.browser);
     const tileQueries = [];
     page.on('request', (r) => {
       const u = new URL(r.url());
@@ -43,16 +34,16 @@ describe('display parameters', { timeout: 120000 }, () => {
       }
     });
     try {
-      await page.goto(`${server.url}/view/${ID}?format=png`);
+      await page.goto(`${env.server.url}/view/${ID}?format=png`);
       await waitIdle(page);
       // Tissue: nuclei on stroma, so that gamma has edges and mid-tones to act on.
       const left = 32500;
       const top = 36700;
-      await page.goto(await alignedUrl(page, server, left, top, { format: 'png' }));
+      await page.goto(await alignedUrl(page, env.server, left, top, { format: 'png' }));
       await waitIdle(page);
       const region = { x: 120, y: 90, w: 96, h: 80 };
       const iiif = (query) =>
-        `${server.url}/iiif/3/${ID}/${left + region.x},${top + region.y},${region.w},${region.h}` +
+        `${env.server.url}/iiif/3/${ID}/${left + region.x},${top + region.y},${region.w},${region.h}` +
         `/max/0/default.png${query}`;
       const read = () => canvasPixels(page, region.x, region.y, region.w, region.h);
 
@@ -126,15 +117,15 @@ describe('display parameters', { timeout: 120000 }, () => {
   });
 
   test('with sharpen and CLAHE, a region across a tile corner equals the server render of that region', async () => {
-    const { page, context, problems } = await openPage(browser);
+    const { page, context, problems } = await openPage(env.browser);
     try {
-      await page.goto(`${server.url}/view/${ID}`);
+      await page.goto(`${env.server.url}/view/${ID}`);
       await waitIdle(page);
       // Full-resolution tile corner (32768, 36864), in tissue, lands on canvas pixel (268, 164).
       const corner = { x: 32768, y: 36864 };
       const at = { x: 268, y: 164 };
       const params = { sharpen: '2', clahe: '4', format: 'png' };
-      await page.goto(await alignedUrl(page, server, corner.x - at.x, corner.y - at.y, params));
+      await page.goto(await alignedUrl(page, env.server, corner.x - at.x, corner.y - at.y, params));
       await waitIdle(page);
 
       const settings = await page.evaluate(() => window.quorvelView.settings());
@@ -150,7 +141,7 @@ describe('display parameters', { timeout: 120000 }, () => {
         const left = corner.x - at.x + r.x;
         const top = corner.y - at.y + r.y;
         const whole = await serverPixels(page,
-          `${server.url}/iiif/3/${ID}/${left},${top},${r.w},${r.h}/max/0/default.png?sharpen=2&clahe=4`);
+          `${env.server.url}/iiif/3/${ID}/${left},${top},${r.w},${r.h}/max/0/default.png?sharpen=2&clahe=4`);
         const diff = compare(shown, whole);
         assert.ok(diff.max <= 1, `region ${JSON.stringify(r)} matches within 1 level (${JSON.stringify(diff)})`);
         assert.ok(statistics(shown).variance > 1, 'the region has detail to compare');

@@ -2,28 +2,18 @@
 // itself, nothing fails, and the canvas shows an image rather than an empty frame.
 
 import assert from 'node:assert/strict';
-import { after, before, describe, test } from 'node:test';
+import { describe, test } from 'node:test';
 import {
-  canvasStatistics, eventually, launchBrowser, openPage, screenshot, startServer, waitIdle,
+  canvasStatistics, eventually, openPage, screenshot, serverAndBrowser, waitIdle,
 } from './lib/harness.mjs';
 
 describe('opening the viewer', { timeout: 90000 }, () => {
-  let server;
-  let browser;
-  before(async () => {
-    server = await startServer();
-    browser = await launchBrowser();
-  });
-  after(async () => {
-    await browser?.close();
-    const code = await server?.stop();
-    assert.equal(code, 0, 'the server stops cleanly on SIGTERM');
-  });
+  const env = serverAndBrowser();
 
   test('the index links to the viewer of each image', async () => {
-    const { page, context, problems } = await openPage(browser);
+    const { page, context, problems } = await openPage(env.browser);
     try {
-      await page.goto(server.url + '/');
+      await page.goto(env.server.url + '/');
       const link = page.locator('a[href="/view/slide"]');
       await link.waitFor();
       await Promise.all([page.waitForURL('**/view/slide**'), link.click()]);
@@ -35,16 +25,16 @@ describe('opening the viewer', { timeout: 90000 }, () => {
   });
 
   test('every visible tile loads from this server with no error and the canvas is not blank', async () => {
-    const { page, context, problems } = await openPage(browser);
+    const { page, context, problems } = await openPage(env.browser);
     const requests = [];
     page.on('request', (r) => requests.push(r.url()));
     try {
-      const response = await page.goto(server.url + '/view/slide');
+      const response = await page.goto(env.server.url + '/view/slide');
       assert.equal(response.status(), 200);
       await waitIdle(page);
 
       // Everything the page needed came from the server it was opened from.
-      const foreign = requests.filter((u) => !u.startsWith(server.url) && !u.startsWith('data:'));
+      const foreign = requests.filter((u) => !u.startsWith(env.server.url) && !u.startsWith('data:'));
       assert.deepEqual(foreign, []);
       assert.ok(requests.some((u) => u.includes('/static/osd/openseadragon.min.js')));
       const tiles = requests.filter((u) => /\/iiif\/3\/slide\/[^/]+\/[^/]+\/0\/default\.jpg/.test(u));
@@ -83,9 +73,9 @@ describe('opening the viewer', { timeout: 90000 }, () => {
   });
 
   test('keys zoom, pan and go home, but not while typing in a number box', async () => {
-    const { page, context, problems } = await openPage(browser);
+    const { page, context, problems } = await openPage(env.browser);
     try {
-      await page.goto(server.url + '/view/slide');
+      await page.goto(env.server.url + '/view/slide');
       await waitIdle(page);
       const view = () => page.evaluate(() => window.quorvelView.view());
       const settle = () => page.waitForFunction(() => {

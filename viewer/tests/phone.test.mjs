@@ -2,30 +2,23 @@
 // reached: the panel goes below the image and folds away with its toggle.
 
 import assert from 'node:assert/strict';
-import { after, before, describe, test } from 'node:test';
-import { canvasStatistics, launchBrowser, openPage, screenshot, startServer, waitIdle } from './lib/harness.mjs';
+import { describe, test } from 'node:test';
+import {
+  canvasStatistics, openPage, screenshot, serverAndBrowser, waitIdle,
+} from './lib/harness.mjs';
 
 describe('a phone-sized screen', { timeout: 90000 }, () => {
-  let server;
-  let browser;
-  before(async () => {
-    server = await startServer();
-    browser = await launchBrowser();
-  });
-  after(async () => {
-    await browser?.close();
-    await server?.stop();
-  });
+  const env = serverAndBrowser();
 
   test('shows the image and lets every control be reached', async () => {
-    const { page, context, problems } = await openPage(browser, {
+    const { page, context, problems } = await openPage(env.browser, {
       viewport: { width: 390, height: 844 },
       deviceScaleFactor: 2,
       isMobile: true,
       hasTouch: true,
     });
     try {
-      await page.goto(`${server.url}/view/slide`);
+      await page.goto(`${env.server.url}/view/slide`);
       await waitIdle(page);
 
       const stage = await page.locator('#stage').boundingBox();

@@ -3,8 +3,8 @@
 // exactly those parameters. An unknown identifier gets a message, not a broken viewer.
 
 import assert from 'node:assert/strict';
-import { after, before, describe, test } from 'node:test';
-import { eventually, launchBrowser, openPage, startServer, waitIdle } from './lib/harness.mjs';
+import { describe, test } from 'node:test';
+import { eventually, openPage, serverAndBrowser, waitIdle } from './lib/harness.mjs';
 
 const GREY = '0.2126,0.2126,0.2126,0.7152,0.7152,0.7152,0.0722,0.0722,0.0722';
 
@@ -32,19 +32,10 @@ async function controls(page) {
 }
 
 describe('the address of a view', { timeout: 120000 }, () => {
-  let server;
-  let browser;
-  before(async () => {
-    server = await startServer();
-    browser = await launchBrowser();
-  });
-  after(async () => {
-    await browser?.close();
-    await server?.stop();
-  });
+  const env = serverAndBrowser();
 
   test('opening an address restores its settings and view, and the tiles carry them', async () => {
-    const { page, context, problems } = await openPage(browser);
+    const { page, context, problems } = await openPage(env.browser);
     const tiles = [];
     page.on('request', (r) => {
       if (/\/iiif\/3\/slide\/.+\/default\.\w+/.test(r.url())) tiles.push(new URL(r.url()));
@@ -54,7 +45,7 @@ describe('the address of a view', { timeout: 120000 }, () => {
         gamma: '1.5', black: '10', white: '200', 'gamma-mode': 'linear', sharpen: '-1',
         clahe: '7', matrix: GREY, format: 'png', grid: '1', x: '20000', y: '30000', z: '0.25',
       });
-      await page.goto(`${server.url}/view/slide?${q}`);
+      await page.goto(`${env.server.url}/view/slide?${q}`);
       await waitIdle(page);
 
       assert.deepEqual(await controls(page), {
@@ -82,9 +73,9 @@ describe('the address of a view', { timeout: 120000 }, () => {
   });
 
   test('after changes, reloading the new address gives the same state; reset clears it', async () => {
-    const { page, context, problems } = await openPage(browser);
+    const { page, context, problems } = await openPage(env.browser);
     try {
-      await page.goto(`${server.url}/view/slide`);
+      await page.goto(`${env.server.url}/view/slide`);
       await waitIdle(page);
 
       await page.locator('#preset').selectOption('stain');
@@ -141,9 +132,9 @@ describe('the address of a view', { timeout: 120000 }, () => {
   });
 
   test('an unknown identifier shows a message instead of a viewer', async () => {
-    const { page, context, problems } = await openPage(browser);
+    const { page, context, problems } = await openPage(env.browser);
     try {
-      const response = await page.goto(`${server.url}/view/no-such-image`);
+      const response = await page.goto(`${env.server.url}/view/no-such-image`);
       assert.equal(response.status(), 404);
       const message = page.locator('#message');
       await message.waitFor({ state: 'visible' });

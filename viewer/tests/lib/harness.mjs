@@ -1,9 +1,11 @@
 // What every browser test needs: its own quorvel-serve on a free loopback port, Debian's
 // chromium through playwright-core, and bounded waits on the viewer's own idle state.
 
+import assert from 'node:assert/strict';
 import { spawn } from 'node:child_process';
 import { mkdirSync } from 'node:fs';
 import path from 'node:path';
+import { after, before } from 'node:test';
 import { fileURLToPath } from 'node:url';
 import { chromium } from 'playwright-core';
 
@@ -222,4 +224,20 @@ export async function eventually(check, timeout = 10000, every = 100) {
     if (Date.now() > end) throw new Error(`condition not met within ${timeout} ms`);
     await new Promise((r) => setTimeout(r, every));
   }
+}
+
+// A suite's server and browser: started before its first test, stopped after its last (the
+// server must stop cleanly on SIGTERM). `server` and `browser` are set once the suite runs.
+export function serverAndBrowser(images = []) {
+  const shared = { server: undefined, browser: undefined };
+  before(async () => {
+    shared.server = await startServer(images);
+    shared.browser = await launchBrowser();
+  });
+  after(async () => {
+    await shared.browser?.close();
+    const code = await shared.server?.stop();
+    assert.equal(code, 0, 'the server stops cleanly on SIGTERM');
+  });
+  return shared;
 }
