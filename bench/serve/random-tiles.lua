@@ -22,25 +22,50 @@ function init(args)
   file:close()
   assert(#paths > 0, "no paths in " .. args[1])
   math.randomseed(7919 * id)
-  -- "sweep": each thread walks the list in order from its own share of it, as a viewer's
-  -- requests sweep over neighbouring tiles; otherwise tiles are drawn at random.
+  -- The order (wrk's second script argument):
+  --   "random": tiles drawn at random, again and again (the warm scenarios);
+  --   "once":   each thread takes its own share of the list, shuffled, and stops when every
+  --             tile of it has been answered once, so no request finds a tile a previous
+  --             request made (cold: a server's caches must not turn it warm half-way);
+  --   "sweep":  the same share in list order, as a viewer's requests sweep over neighbouring
+  --             tiles, also once each.
   -- Each thread has a Lua state of its own, so the number of threads comes as an argument.
-  sweep = args[2] == "sweep"
-  nextIndex = math.floor((id - 1) * #paths / tonumber(args[3] or 1))
+  order = args[2] or "random"
+  local count = tonumber(args[3] or 1)
+  local first = math.floor((id - 1) * #paths / count) + 1
+  local last = math.floor(id * #paths / count)
+  share = {}
+  for i = first, last do
+    share[#share + 1] = paths[i]
+  end
+  if order == "once" then
+    for i = #share, 2, -1 do
+      local j = math.random(i)
+      share[i], share[j] = share[j], share[i]
+    end
+  end
+  issued = 0
+  answered = 0
   non2xx = 0
 end
 
 function request()
-  if sweep then
-    nextIndex = nextIndex % #paths + 1
-    return wrk.format(nil, paths[nextIndex])
+  if order == "random" then
+    return wrk.format(nil, paths[math.random(#paths)])
   end
-  return wrk.format(nil, paths[math.random(#paths)])
+  -- Past the end of the share (connections still in flight), the last tile again: those
+  -- answers are not waited for, the thread stops at the share's last answer.
+  issued = math.min(issued + 1, #share)
+  return wrk.format(nil, share[issued])
 end
 
 function response(status, headers, body)
   if status < 200 or status > 299 then
     non2xx = non2xx + 1
+  end
+  answered = answered + 1
+  if order ~= "random" and answered >= #share then
+    wrk.thread:stop()
   end
 end
 
