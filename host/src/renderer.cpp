@@ -169,6 +169,9 @@ void Renderer::render(size_t level, Rect const& rect, Display const& display, ui
   size_t const ot = options_.outputTile;
   size_t const ahead = impl.context.numberOfWorkerThreads() + 1;
   std::deque<Job> pending;
+  // Tiles narrower than the caller's rows are read back here first: one buffer for the call,
+  // not an allocation (and its page faults) per tile.
+  std::vector<uint8_t> staging;
   auto finish = [&](Job& job) {
     Rect const r = job.rect;
     size_t const rowBytes = r.width * 4;
@@ -177,10 +180,10 @@ void Renderer::render(size_t level, Rect const& rect, Display const& display, ui
     if (stride == rowBytes) {
       impl.instance->getPixels(dst, rowBytes * r.height, job.workspace->out, area);
     } else {
-      std::vector<uint8_t> tmp(rowBytes * r.height);
-      impl.instance->getPixels(tmp.data(), tmp.size(), job.workspace->out, area);
+      staging.resize(std::max(staging.size(), rowBytes * r.height));
+      impl.instance->getPixels(staging.data(), rowBytes * r.height, job.workspace->out, area);
       for (size_t y = 0; y < r.height; ++y) {
-        std::memcpy(dst + y * stride, &tmp[y * rowBytes], rowBytes);
+        std::memcpy(dst + y * stride, &staging[y * rowBytes], rowBytes);
       }
     }
     impl.giveWorkspace(std::move(job.workspace));
