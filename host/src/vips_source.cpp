@@ -13,59 +13,18 @@
 // at open, because open probes one pixel of every level so that a damaged file fails there
 // rather than in the middle of an encode.
 
-#include <vips/vips.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <mutex>
 
 #include "quorvel/zoom/image_source.hpp"
+#include "vips_support.hpp"
 
 namespace quorvel::zoom {
 namespace {
 
-struct Unref {
-  void operator()(void* object) const { g_object_unref(object); }
-};
-using ImagePtr = std::unique_ptr<VipsImage, Unref>;
-using RegionPtr = std::unique_ptr<VipsRegion, Unref>;
-
-// The first line of libvips' error buffer, which is then emptied. The buffer is shared by
-// the whole process, so under concurrent failures a message may belong to another thread;
-// it is only ever used as text for people.
-std::string takeVipsError() {
-  char* all = vips_error_buffer_copy();
-  std::string text = all ? all : "";
-  g_free(all);
-  text = text.substr(0, text.find('\n'));
-  return text.empty() ? "libvips failed without a message" : text;
-}
-
-// Empty when libvips is ready, otherwise why it could not start.
-std::string const& startVips() {
-  static std::once_flag once;
-  static std::string failure;
-  std::call_once(once, [] {
-    if (VIPS_INIT("quorvel")) {
-      failure = "cannot start libvips: " + takeVipsError();
-      return;
-    }
-    // Warnings (a truncated file, an odd tag) either become errors through fail_on below or
-    // are harmless; the user sees errors only.
-    g_log_set_handler(
-        "VIPS", G_LOG_LEVEL_WARNING, [](gchar const*, GLogLevelFlags, gchar const*, gpointer) {},
-        nullptr);
-    // The operation cache would keep decoded pipelines and open files of every image ever
-    // opened; each source keeps its own pipelines alive instead.
-    vips_cache_set_max(0);
-    // Parallelism comes from the callers, each reading its own region; inside one call
-    // libvips works on one thread, which also makes a decode error of a file that is
-    // decoded whole (PNG, JPEG) reach the read that caused it every time.
-    vips_concurrency_set(1);
-  });
-  return failure;
-}
+using vips::ImagePtr;
 
 enum class Format { kTiff, kOpenSlide, kOther };
 
@@ -159,7 +118,7 @@ class VipsSource final : public ImageSource {
     // such a file name whole.
     std::string const query = !path_.empty() && path_.back() == ']' ? path_ + "[]" : path_;
     char const* found = vips_foreign_find_load(query.c_str());
-    if (!found) fail(takeVipsError());
+    if (!found) fail(vips::takeError());
     std::string const loader = found;
     Format const format = loader == "VipsForeignLoadTiffFile"        ? Format::kTiff
                           : loader == "VipsForeignLoadOpenslideFile" ? Format::kOpenSlide
@@ -167,7 +126,7 @@ class VipsSource final : public ImageSource {
 
     ImagePtr base =
         format == Format::kOpenSlide ? load(loader, path_, "level", 0) : load(loader, path_);
-    if (!base) fail(takeVipsError());
+    if (!base) fail(vips::takeError());
     if (base->Xsize <= 0 || base->Ysize <= 0) fail("the image has no pixels");
     width_ = static_cast<size_t>(base->Xsize);
     height_ = static_cast<size_t>(base->Ysize);
@@ -191,7 +150,7 @@ class VipsSource final : public ImageSource {
       for (int i = subifds > 0 ? 0 : 1; i < pages; ++i) {
         ImagePtr image = load(loader, path_, subifds > 0 ? "subifd" : "page", i);
         if (!image) {
-          takeVipsError();
+          vips::takeError();
           continue;
         }
         double const downsample = ratio(image.get());
@@ -210,7 +169,7 @@ class VipsSource final : public ImageSource {
         auto const h = static_cast<size_t>(number(prefix + "height"));
         if (levelFor(width_, height_, w, h, downsample) == 0) continue;
         ImagePtr image = load(loader, path_, "level", i);
-        if (!image) fail(takeVipsError());
+        if (!image) fail(vips::takeError());
         consider(std::move(image), downsample);
       }
     }
@@ -221,7 +180,7 @@ class VipsSource final : public ImageSource {
     for (auto& [level, image] : stored) {
       ImagePtr rgba =
           toRgba8(std::move(image), levelExtent(width_, level), levelExtent(height_, level));
-      if (!rgba) fail(takeVipsError());
+      if (!rgba) fail(vips::takeError());
       // The encoder reads each block with the margins of the whole-image transform, which
       // reach a few pixels into every neighbouring tile of the file: without a cache of
       // decoded tiles, one block of a tiled file costs nine tile decodes instead of about
@@ -229,7 +188,7 @@ class VipsSource final : public ImageSource {
       if (format != Format::kOther &&
           !apply(rgba, vips_tilecache, "tile_width", kCacheTile, "tile_height", kCacheTile,
                  "max_tiles", kCacheTiles, "access", VIPS_ACCESS_RANDOM, "threaded", TRUE)) {
-        fail(takeVipsError());
+        fail(vips::takeError());
       }
       levels_.push_back(level);
       images_.push_back(std::move(rgba));
@@ -238,8 +197,9 @@ class VipsSource final : public ImageSource {
     for (size_t i = 0; i < levels_.size(); ++i) {
       VipsImage* const image = images_[i].get();
       uint8_t pixel[4];
-      if (!readPixels(image, {size_t(image->Xsize) - 1, size_t(image->Ysize) - 1, 1, 1}, pixel)) {
-        fail(takeVipsError());
+      if (!vips::readPixels(image, {size_t(image->Xsize) - 1, size_t(image->Ysize) - 1, 1, 1},
+                            pixel)) {
+        fail(vips::takeError());
       }
     }
   }
@@ -257,8 +217,8 @@ class VipsSource final : public ImageSource {
       std::lock_guard<std::mutex> lock(failuresMutex_);
       failure = failures_[index];
     }
-    if (failure.empty() && !readPixels(images_[index].get(), rect, rgba)) {
-      failure = takeVipsError();
+    if (failure.empty() && !vips::readPixels(images_[index].get(), rect, rgba)) {
+      failure = vips::takeError();
       std::lock_guard<std::mutex> lock(failuresMutex_);
       if (failures_[index].empty()) failures_[index] = failure;
     }
@@ -271,27 +231,6 @@ class VipsSource final : public ImageSource {
  private:
   [[noreturn]] void fail(std::string const& why) const {
     throw SourceError("cannot open '" + path_ + "': " + why);
-  }
-
-  /// Copies `rect` of `image` out through a region of this call's own, in bands of rows so
-  /// that the pipeline's buffers stay small whatever the size of the rectangle.
-  static bool readPixels(VipsImage* image, Rect const& rect, uint8_t* rgba) {
-    constexpr size_t kBandBytes = size_t{4} << 20;
-    RegionPtr region(vips_region_new(image));
-    if (!region) return false;
-    size_t const rowBytes = rect.width * 4;
-    size_t const bandRows = std::max<size_t>(1, kBandBytes / rowBytes);
-    for (size_t y = 0; y < rect.height; y += bandRows) {
-      VipsRect const band{static_cast<int>(rect.x), static_cast<int>(rect.y + y),
-                          static_cast<int>(rect.width),
-                          static_cast<int>(std::min(bandRows, rect.height - y))};
-      if (vips_region_prepare(region.get(), &band)) return false;
-      for (int row = 0; row < band.height; ++row) {
-        std::memcpy(rgba + (y + size_t(row)) * rowBytes,
-                    VIPS_REGION_ADDR(region.get(), band.left, band.top + row), rowBytes);
-      }
-    }
-    return true;
   }
 
   std::string path_;
@@ -309,7 +248,7 @@ class VipsSource final : public ImageSource {
 }  // namespace
 
 std::shared_ptr<ImageSource> openImageFile(std::string const& path) {
-  if (std::string const& failure = startVips(); !failure.empty()) {
+  if (std::string const& failure = vips::start(); !failure.empty()) {
     throw SourceError("cannot open '" + path + "': " + failure);
   }
   return std::make_shared<VipsSource>(path);

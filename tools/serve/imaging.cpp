@@ -1,60 +1,15 @@
 #include "imaging.hpp"
 
-#include <vips/vips.h>
-
 #include <algorithm>
 #include <cstring>
 #include <limits>
-#include <memory>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 
+#include "quorvel/zoom/resample.hpp"
+
 namespace quorvel::serve {
 namespace {
-
-struct VipsUnref {
-  void operator()(void* object) const { g_object_unref(object); }
-};
-using ImagePtr = std::unique_ptr<VipsImage, VipsUnref>;
-using RegionPtr = std::unique_ptr<VipsRegion, VipsUnref>;
-
-// The first line of libvips' error buffer, which is then emptied. The buffer is shared by the
-// whole process, so under concurrent failures the text may be another thread's; it is only ever
-// shown to people.
-std::string takeVipsError() {
-  char* all = vips_error_buffer_copy();
-  std::string text = all ? all : "";
-  g_free(all);
-  text = text.substr(0, text.find('\n'));
-  return text.empty() ? "libvips failed without a message" : text;
-}
-
-// Starts libvips with the settings the host layer uses in the same process (whichever of the two
-// starts it first), so neither layer changes the other's: no operation cache, since every
-// pipeline here is used once, and one thread per pipeline, since parallelism comes from the
-// server running many requests at once.
-void startVips() {
-  static std::once_flag once;
-  static std::string failure;
-  std::call_once(once, [] {
-    if (VIPS_INIT("quorvel")) {
-      failure = "cannot start libvips: " + takeVipsError();
-      return;
-    }
-    vips_cache_set_max(0);
-    vips_concurrency_set(1);
-  });
-  if (!failure.empty()) throw std::runtime_error(failure);
-}
-
-[[noreturn]] void failVips(char const* what) {
-  throw std::runtime_error(std::string("resize: ") + what + ": " + takeVipsError());
-}
-
-// Rows read from the resampled pipeline per request; bounds the region buffer libvips allocates
-// next to the output so a large result is not held twice.
-constexpr int kStripRows = 64;
 
 // Square blocks that orient copies at a time, so that a rotation, which reads the source down
 // its columns, keeps the rows it touches in cache.
@@ -105,65 +60,12 @@ void checkPixels(Pixels const& pixels, char const* context) {
 
 Pixels resize(Pixels const& in, size_t width, size_t height) {
   checkPixels(in, "resize");
-  size_t const maxSide = VIPS_MAX_COORD;
-  if (width == 0 || height == 0 || width > maxSide || height > maxSide || in.width > maxSide ||
-      in.height > maxSide) {
-    throw std::invalid_argument("resize: cannot resample " + std::to_string(in.width) + "x" +
-                                std::to_string(in.height) + " to " + std::to_string(width) + "x" +
-                                std::to_string(height) + "; sides must be 1 to " +
-                                std::to_string(maxSide));
-  }
   if (width == in.width && height == in.height) return in;
-  startVips();
-
-  // libvips reads the caller's pixels in place; they outlive every image made from them here,
-  // and with the operation cache off nothing keeps a reference past this call.
-  ImagePtr image(vips_image_new_from_memory(in.data.data(), in.data.size(),
-                                            static_cast<int>(in.width), static_cast<int>(in.height),
-                                            static_cast<int>(in.channels), VIPS_FORMAT_UCHAR));
-  if (!image) failVips("cannot wrap the pixels");
-  double const hscale = static_cast<double>(width) / static_cast<double>(in.width);
-  double const vscale = static_cast<double>(height) / static_cast<double>(in.height);
-  VipsImage* out = nullptr;
-  // Lanczos3 drives the reduction; when enlarging, libvips picks the bicubic interpolator for
-  // this kernel.
-  if (vips_resize(image.get(), &out, hscale, "vscale", vscale, "kernel", VIPS_KERNEL_LANCZOS3,
-                  nullptr)) {
-    failVips("cannot resample");
-  }
-  image.reset(out);
-
-  // libvips rounds its output size itself; a pixel too many is cut off and one too few repeats
-  // the edge, so callers always get the size they asked for.
-  int const w = static_cast<int>(width), h = static_cast<int>(height);
-  if (vips_image_get_width(image.get()) != w || vips_image_get_height(image.get()) != h) {
-    if (vips_embed(image.get(), &out, 0, 0, w, h, "extend", VIPS_EXTEND_COPY, nullptr)) {
-      failVips("cannot fit the resampled size");
-    }
-    image.reset(out);
-  }
-  // Resampling may promote the format (cast back to bytes, clipping any Lanczos overshoot).
-  if (vips_image_get_format(image.get()) != VIPS_FORMAT_UCHAR) {
-    if (vips_cast(image.get(), &out, VIPS_FORMAT_UCHAR, nullptr)) failVips("cannot cast");
-    image.reset(out);
-  }
-
   Pixels result;
+  result.data = zoom::resample(in.data.data(), in.width, in.height, in.channels, width, height);
   result.width = width;
   result.height = height;
   result.channels = in.channels;
-  result.data.resize(width * height * in.channels);
-  RegionPtr region(vips_region_new(image.get()));
-  if (!region) failVips("cannot read the result");
-  size_t const rowBytes = width * in.channels;
-  for (int top = 0; top < h; top += kStripRows) {
-    VipsRect strip{0, top, w, std::min(kStripRows, h - top)};
-    if (vips_region_prepare(region.get(), &strip)) failVips("cannot compute the result");
-    for (int y = top; y < top + strip.height; ++y) {
-      std::memcpy(result.data.data() + static_cast<size_t>(y) * rowBytes,
-                  VIPS_REGION_ADDR(region.get(), 0, y), rowBytes);
-    }
-  }
   return result;
 }
 
