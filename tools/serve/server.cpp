@@ -157,11 +157,13 @@ struct Plan {
   Quality quality = Quality::kDefault;
   Format format = Format::kJpeg;
 
+  /// Every field that changes the bytes of the response, as text (part of the entity tag,
+  /// computed for every request, cache hits included).
   std::string key() const {
-    std::ostringstream s;
-    s << level << '/' << rect.str() << '/' << width << 'x' << height << '/' << rotation
-      << (mirror ? "!" : "") << '/' << int(quality) << '.' << extensionOf(format);
-    return s.str();
+    using std::to_string;
+    return to_string(level) + '/' + rect.str() + '/' + to_string(width) + 'x' + to_string(height) +
+           '/' + to_string(rotation) + (mirror ? "!" : "") + '/' + to_string(int(quality)) + '.' +
+           extensionOf(format);
   }
 };
 

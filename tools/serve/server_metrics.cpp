@@ -68,40 +68,45 @@ std::string Metrics::text(zoom::EngineStats const& engine,
   sample(out, "quorvel_http_request_duration_seconds_count",
          count_.load(std::memory_order_relaxed));
 
-  add(out, "quorvel_images_rendered_total", "counter",
-      "Images rendered by the backend (tiles and IIIF regions), not answered from a cache.");
-  sample(out, "quorvel_images_rendered_total", rendered_.load(std::memory_order_relaxed));
-  add(out, "quorvel_output_tiles_rendered_total", "counter",
-      "Output tiles (backend batches) rendered.");
-  sample(out, "quorvel_output_tiles_rendered_total", engine.tilesRendered);
-  add(out, "quorvel_renders_in_flight", "gauge", "Render calls running now.");
-  sample(out, "quorvel_renders_in_flight", engine.rendersInFlight);
-
-  add(out, "quorvel_tile_cache_hits_total", "counter",
-      "Coefficient tile groups found in the backend's tile cache.");
-  sample(out, "quorvel_tile_cache_hits_total", engine.tileHits);
-  add(out, "quorvel_tile_cache_misses_total", "counter",
-      "Coefficient tile groups that had to be encoded.");
-  sample(out, "quorvel_tile_cache_misses_total", engine.tileMisses);
-  add(out, "quorvel_tile_cache_evictions_total", "counter",
-      "Coefficient tile groups encoded again after the cache had dropped them.");
-  sample(out, "quorvel_tile_cache_evictions_total", engine.tileEvictions);
-  add(out, "quorvel_tile_cache_bytes", "gauge", "Bytes held by the tile cache.");
-  sample(out, "quorvel_tile_cache_bytes", engine.cacheBytes);
-  add(out, "quorvel_tile_cache_capacity_bytes", "gauge", "Capacity of the tile cache.");
-  sample(out, "quorvel_tile_cache_capacity_bytes", engine.cacheCapacity);
-
-  add(out, "quorvel_response_cache_hits_total", "counter", "Responses served from the cache.");
-  sample(out, "quorvel_response_cache_hits_total", responses.hits);
-  add(out, "quorvel_response_cache_misses_total", "counter", "Responses rendered and encoded.");
-  sample(out, "quorvel_response_cache_misses_total", responses.misses);
-  add(out, "quorvel_response_cache_evictions_total", "counter",
-      "Encoded responses dropped to stay within capacity.");
-  sample(out, "quorvel_response_cache_evictions_total", responses.evictions);
-  add(out, "quorvel_response_cache_bytes", "gauge", "Bytes of encoded responses held.");
-  sample(out, "quorvel_response_cache_bytes", responses.bytes);
-  add(out, "quorvel_response_cache_capacity_bytes", "gauge", "Capacity of the response cache.");
-  sample(out, "quorvel_response_cache_capacity_bytes", responses.capacity);
+  // The single-valued series, one row each: name, type, help, value.
+  struct Series {
+    char const* name;
+    char const* type;
+    char const* help;
+    uint64_t value;
+  };
+  Series const series[] = {
+      {"quorvel_images_rendered_total", "counter",
+       "Images rendered by the backend (tiles and IIIF regions), not answered from a cache.",
+       rendered_.load(std::memory_order_relaxed)},
+      {"quorvel_output_tiles_rendered_total", "counter", "Output tiles (backend batches) rendered.",
+       engine.tilesRendered},
+      {"quorvel_renders_in_flight", "gauge", "Render calls running now.", engine.rendersInFlight},
+      {"quorvel_tile_cache_hits_total", "counter",
+       "Coefficient tile groups found in the backend's tile cache.", engine.tileHits},
+      {"quorvel_tile_cache_misses_total", "counter",
+       "Coefficient tile groups that had to be encoded.", engine.tileMisses},
+      {"quorvel_tile_cache_evictions_total", "counter",
+       "Coefficient tile groups encoded again after the cache had dropped them.",
+       engine.tileEvictions},
+      {"quorvel_tile_cache_bytes", "gauge", "Bytes held by the tile cache.", engine.cacheBytes},
+      {"quorvel_tile_cache_capacity_bytes", "gauge", "Capacity of the tile cache.",
+       engine.cacheCapacity},
+      {"quorvel_response_cache_hits_total", "counter", "Responses served from the cache.",
+       responses.hits},
+      {"quorvel_response_cache_misses_total", "counter", "Responses rendered and encoded.",
+       responses.misses},
+      {"quorvel_response_cache_evictions_total", "counter",
+       "Encoded responses dropped to stay within capacity.", responses.evictions},
+      {"quorvel_response_cache_bytes", "gauge", "Bytes of encoded responses held.",
+       responses.bytes},
+      {"quorvel_response_cache_capacity_bytes", "gauge", "Capacity of the response cache.",
+       responses.capacity},
+  };
+  for (Series const& s : series) {
+    add(out, s.name, s.type, s.help);
+    sample(out, s.name, s.value);
+  }
   return out;
 }
 

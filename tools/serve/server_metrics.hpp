@@ -28,7 +28,7 @@ class Metrics {
 
   /// Counts one answered request with its status and its time from routing to the body.
   void record(int status, double seconds);
-  /// One image rendered (a tile or any IIIF region), and one answered from the response cache.
+  /// Counts one image rendered (a tile or any IIIF region) rather than found in the cache.
   void rendered() { rendered_.fetch_add(1, std::memory_order_relaxed); }
 
   /// The exposition text, with the engine's and the response cache's figures.
