@@ -38,6 +38,14 @@ fs::path scratch() {
   return dir;
 }
 
+// The files every suite writes go when the whole run ends.
+class RemoveScratch : public ::testing::Environment {
+ public:
+  void TearDown() override { fs::remove_all(scratch()); }
+};
+::testing::Environment* const kRemoveScratch =
+    ::testing::AddGlobalTestEnvironment(new RemoveScratch);
+
 void writePng(fs::path const& path, std::vector<uint8_t> const& rgba, size_t w, size_t h) {
   png_image image{};
   image.version = PNG_IMAGE_VERSION;
@@ -66,7 +74,6 @@ class Serve : public ::testing::Test {
     delete server_;
     delete renderer_;
     delete engine_;
-    fs::remove_all(scratch());
     delete image_;
   }
 
