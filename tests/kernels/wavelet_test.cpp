@@ -8,18 +8,18 @@
 #include <vector>
 
 #include "kernels/simd_targets.hpp"
+#include "support/buffers.hpp"
 
 namespace quorvel {
 namespace {
 
 using Plane = Buffer2DVector<int16_t>;
 using Rect = std::vector<int>;
+using testing::contents;
 constexpr int16_t kSentinel = 0x5A5A;
 
 std::shared_ptr<Plane> plane(size_t w, size_t h, int16_t fill = 0) {
-  auto p = std::make_shared<Plane>(w, h, true);
-  std::fill(p->data(), p->data() + w * h, fill);
-  return p;
+  return testing::buffer<int16_t>(w, h, fill);
 }
 
 std::shared_ptr<Plane> randomPlane(size_t w, size_t h, std::mt19937& rng, int lo, int hi) {
@@ -38,41 +38,31 @@ int16_t odd(int16_t h1, int16_t e0, int16_t e1) {
 }
 
 // The documented pass structure, for consistent rectangles only. `vertical` selects the
-// direction; band element (k, c) of the filtered/unfiltered axes is read at band row/col.
+// direction; line c across it holds band elements k and target samples s.
 void referenceInverse(bool vertical, Plane const& low, Plane const& high, Rect const& in,
                       Plane& target, Rect out) {
   int const tw = static_cast<int>(target.width()), th = static_cast<int>(target.height());
   int const bw = static_cast<int>(low.width());
   int& origin = vertical ? out[1] : out[0];
   int& length = vertical ? out[3] : out[2];
-  int const limit = vertical ? th : tw;
-  if (origin + length > limit) length = limit - origin;
+  length = std::min(length, (vertical ? th : tw) - origin);
   int const bandLength = vertical ? in[3] : in[2];
   int const a = static_cast<int>(std::floor(-origin / 2.0));
   int const b = static_cast<int>(std::ceil(-origin / 2.0));
   int const m = std::min(static_cast<int>(std::floor(length / 2.0)), bandLength - 2);
   int const t = std::min(static_cast<int>(std::ceil(length / 2.0)),
                          vertical ? bandLength - 1 : bandLength - 2);
-  int const across = vertical ? in[2] : in[3];
-  for (int c = 0; c < across; ++c) {
-    auto l = [&](int k) {
-      return vertical ? low.data()[(in[1] + k) * bw + in[0] + c]
-                      : low.data()[(in[1] + c) * bw + in[0] + k];
-    };
-    auto h = [&](int k) {
-      return vertical ? high.data()[(in[1] + k) * bw + in[0] + c]
-                      : high.data()[(in[1] + c) * bw + in[0] + k];
+  for (int c = 0; c < (vertical ? in[2] : in[3]); ++c) {
+    auto band = [&](int k) {
+      return vertical ? (in[1] + k) * bw + in[0] + c : (in[1] + c) * bw + in[0] + k;
     };
     auto put = [&](int s, int16_t v) {
       // A sample before the target (the even-only pass starting below b) is dropped.
       if (origin + s < 0) return;
-      if (vertical) {
-        target.data()[(out[1] + s) * tw + out[0] + c] = v;
-      } else {
-        target.data()[(out[1] + c) * tw + out[0] + s] = v;
-      }
+      target.data()[vertical ? (out[1] + s) * tw + out[0] + c : (out[1] + c) * tw + out[0] + s] = v;
     };
-    auto e = [&](int k) { return even(l(k), h(k), h(k + 1)); };
+    auto h = [&](int k) { return high.data()[band(k)]; };
+    auto e = [&](int k) { return even(low.data()[band(k)], h(k), h(k + 1)); };
     auto o = [&](int k) { return odd(h(k + 1), e(k), e(k + 1)); };
     for (int k = a; k < b; ++k) put(2 * k + 1, o(k));
     for (int k = b; k < m; ++k) put(2 * k, e(k)), put(2 * k + 1, o(k));
@@ -82,61 +72,43 @@ void referenceInverse(bool vertical, Plane const& low, Plane const& high, Rect c
 
 void run(bool vertical, std::shared_ptr<Plane> const& low, std::shared_ptr<Plane> const& high,
          Rect const& in, std::shared_ptr<Plane> const& target, Rect const& out) {
+  std::vector<std::shared_ptr<Buffer2D>> const inputs{low, high};
+  auto const& none = FilterEmptyParams::instance();
   if (vertical) {
-    SoftwareFilterFirIV53LeGall16<int16_t, int16_t> f(pointFilter("FilterFirIV53LeGall16", 2));
-    f.apply({low, high}, {in}, {target}, {out}, FilterEmptyParams::instance());
+    SoftwareFilterFirIV53LeGall16<int16_t, int16_t>(pointFilter("FilterFirIV53LeGall16", 2))
+        .apply(inputs, {in}, {target}, {out}, none);
   } else {
-    SoftwareFilterFirIH53LeGall16<int16_t, int16_t> f(pointFilter("FilterFirIH53LeGall16", 2));
-    f.apply({low, high}, {in}, {target}, {out}, FilterEmptyParams::instance());
+    SoftwareFilterFirIH53LeGall16<int16_t, int16_t>(pointFilter("FilterFirIH53LeGall16", 2))
+        .apply(inputs, {in}, {target}, {out}, none);
   }
 }
 
-std::vector<int16_t> contents(Plane const& p) {
-  return {p.data(), p.data() + p.width() * p.height()};
-}
-
-// Forward reversible 5/3 transform of a symmetrically extended signal, in the band layout:
-// L(k) = s(k), H(k) = d(k - 1), for k in [0, bands).
-void forward(std::vector<int> const& x, int bands, std::vector<int>& lowOut,
-             std::vector<int>& highOut) {
-  int const n = static_cast<int>(x.size());
-  auto ext = [&](int i) {
-    int const period = 2 * (n - 1);
-    if (n == 1) return x[0];
-    i = ((i % period) + period) % period;
-    return x[i < n ? i : period - i];
-  };
-  auto floorDiv = [](int v, int d) { return static_cast<int>(std::floor(v / double(d))); };
-  auto d = [&](int k) { return ext(2 * k + 1) - floorDiv(ext(2 * k) + ext(2 * k + 2), 2); };
-  auto s = [&](int k) { return ext(2 * k) + floorDiv(d(k - 1) + d(k) + 2, 4); };
-  lowOut.resize(bands), highOut.resize(bands);
-  for (int k = 0; k < bands; ++k) lowOut[k] = s(k), highOut[k] = d(k - 1);
-}
-
-// Transforms `image` (w x h) along one direction into two band planes placed at
-// (bandX, bandY) inside planes of bandW x bandH, returns the band length used.
+// The forward reversible 5/3 transform of every line of `image` (w x h, symmetrically
+// extended) along one direction, in the band layout L(k) = s(k), H(k) = d(k - 1), written
+// to the band rectangle `in` inside larger planes. Bands start at sample 0; the target
+// receives the samples from `first` on.
 struct Bands {
   std::shared_ptr<Plane> low, high;
   Rect in;
 };
 Bands transform(bool vertical, std::vector<int> const& image, int w, int h, int first) {
-  int const n = (vertical ? h : w) - first;  // samples reconstructed from sample `first` on
-  int const across = vertical ? w : h;
-  int const bands = n / 2 + 3;
-  int const bandX = 2, bandY = 1;  // the rectangle sits inside larger band planes
+  int const n = vertical ? h : w, across = vertical ? w : h, bands = (n - first) / 2 + 3;
   int const pw = (vertical ? across : bands) + 3, ph = (vertical ? bands : across) + 2;
   Bands out{plane(pw, ph, 777), plane(pw, ph, -777),
-            vertical ? Rect{bandX, bandY, across, bands} : Rect{bandX, bandY, bands, across}};
+            vertical ? Rect{2, 1, across, bands} : Rect{2, 1, bands, across}};
+  auto floorDiv = [](int v, int d) { return static_cast<int>(std::floor(v / double(d))); };
   for (int c = 0; c < across; ++c) {
-    std::vector<int> x(n + first);
-    for (int s = 0; s < n + first; ++s) x[s] = vertical ? image[s * w + c] : image[c * w + s];
-    // The grid starts at sample 0 = x[0]; only samples from `first` on land in the target.
-    std::vector<int> lo, hi;
-    forward(x, bands, lo, hi);
+    auto x = [&](int i) {
+      i = (i % (2 * n - 2) + 2 * n - 2) % (2 * n - 2);
+      i = i < n ? i : 2 * n - 2 - i;
+      return vertical ? image[i * w + c] : image[c * w + i];
+    };
+    auto d = [&](int k) { return x(2 * k + 1) - floorDiv(x(2 * k) + x(2 * k + 2), 2); };
+    auto s = [&](int k) { return x(2 * k) + floorDiv(d(k - 1) + d(k) + 2, 4); };
     for (int k = 0; k < bands; ++k) {
-      size_t const i = vertical ? (bandY + k) * pw + bandX + c : (bandY + c) * pw + bandX + k;
-      out.low->data()[i] = static_cast<int16_t>(lo[k]);
-      out.high->data()[i] = static_cast<int16_t>(hi[k]);
+      size_t const i = vertical ? (1 + k) * pw + 2 + c : (1 + c) * pw + 2 + k;
+      out.low->data()[i] = static_cast<int16_t>(s(k));
+      out.high->data()[i] = static_cast<int16_t>(d(k - 1));
     }
   }
   return out;
@@ -164,16 +136,13 @@ void checkPerfectReconstruction(bool vertical, int w, int h, int first) {
   }
 }
 
+// Every length from an even origin, and from an odd negative one (the first sample falls
+// before the target).
 TEST(WaveletV, ReconstructsSignalsOfEveryLength) {
   testing::forEachSimdTarget([] {
     for (int n : {2, 3, 4, 5, 8, 9, 16, 17, 31, 32, 33, 40, 67}) {
       for (int w : {1, 7, 8, 9, 16, 17, 33, 67}) checkPerfectReconstruction(true, w, n, 0);
     }
-  });
-}
-
-TEST(WaveletV, ReconstructsOddNegativeOrigin) {
-  testing::forEachSimdTarget([] {
     for (int n : {2, 3, 6, 7, 40, 67}) {
       for (int w : {5, 16, 40}) checkPerfectReconstruction(true, w, n, 1);
     }
@@ -184,22 +153,17 @@ TEST(WaveletH, ReconstructsSignalsOfEveryLength) {
   testing::forEachSimdTarget([] {
     for (int n = 2; n <= 40; ++n) {
       for (int h : {1, 3}) checkPerfectReconstruction(false, n, h, 0);
+      checkPerfectReconstruction(false, n, 2, 1);
     }
     checkPerfectReconstruction(false, 67, 5, 0);
     checkPerfectReconstruction(false, 130, 2, 0);
-  });
-}
-
-TEST(WaveletH, ReconstructsOddNegativeOrigin) {
-  testing::forEachSimdTarget([] {
-    for (int n = 2; n <= 40; ++n) checkPerfectReconstruction(false, n, 2, 1);
     checkPerfectReconstruction(false, 67, 3, 1);
   });
 }
 
-// Kernel output against the documented passes on random data, including positive and odd
-// origins, clamped outputs, the height/width-2 case, and sentinel checks of every element
-// the call must not write.
+// Kernel output (and the scalar form's) against the documented passes on random data,
+// including positive and odd origins, clamped outputs, the height/width-2 case, and
+// sentinel checks of every element the call must not write.
 void checkAgainstPasses(bool vertical, std::mt19937& rng, int lo, int hi) {
   std::uniform_int_distribution<int> size(2, 70), origin(-3, 5), pad(0, 3);
   int const across = size(rng), bandLength = size(rng) / 2 + 2;
@@ -220,35 +184,27 @@ void checkAgainstPasses(bool vertical, std::mt19937& rng, int lo, int hi) {
   Rect const out = vertical ? Rect{ox, o, across, 2 * bandLength + pad(rng)}
                             : Rect{o, oy, 2 * bandLength + pad(rng), across};
   auto expected = plane(tw, th, kSentinel), actual = plane(tw, th, kSentinel);
+  auto scalar = plane(tw, th, kSentinel);
   referenceInverse(vertical, *low, *high, in, *expected, out);
   run(vertical, low, high, in, actual, out);
-  ASSERT_EQ(contents(*actual), contents(*expected))
-      << "in {" << in[0] << "," << in[1] << "," << in[2] << "," << in[3] << "} out {" << out[0]
-      << "," << out[1] << "," << out[2] << "," << out[3] << "} target " << tw << "x" << th;
-  std::vector<std::shared_ptr<Buffer2D>> const inputs{low, high};
-  auto scalar = plane(tw, th, kSentinel);
-  if (vertical) {
-    reference::firIV53LeGall16(inputs, {in}, {scalar}, {out});
-  } else {
-    reference::firIH53LeGall16(inputs, {in}, {scalar}, {out});
-  }
-  ASSERT_EQ(contents(*scalar), contents(*expected));
+  (vertical ? reference::firIV53LeGall16 : reference::firIH53LeGall16)({low, high}, {in}, {scalar},
+                                                                       {out});
+  SCOPED_TRACE(::testing::Message()
+               << (vertical ? "V" : "H") << " in {" << in[0] << "," << in[1] << "," << in[2] << ","
+               << in[3] << "} out {" << out[0] << "," << out[1] << "," << out[2] << "," << out[3]
+               << "} target " << tw << "x" << th);
+  ASSERT_EQ(contents(*actual), contents(*expected));
+  ASSERT_EQ(contents(*scalar), contents(*expected)) << "scalar form";
 }
 
-TEST(WaveletV, MatchesDocumentedPassesOnRandomData) {
+TEST(Wavelet, MatchesDocumentedPassesOnRandomData) {
   testing::forEachSimdTarget([] {
-    std::mt19937 rng(11);
-    for (int i = 0; i < 300; ++i) checkAgainstPasses(true, rng, -8192, 8191);
-    // The same exact values for every 16-bit input: sums wrap, never saturate.
-    for (int i = 0; i < 100; ++i) checkAgainstPasses(true, rng, -32768, 32767);
-  });
-}
-
-TEST(WaveletH, MatchesDocumentedPassesOnRandomData) {
-  testing::forEachSimdTarget([] {
-    std::mt19937 rng(12);
-    for (int i = 0; i < 300; ++i) checkAgainstPasses(false, rng, -8192, 8191);
-    for (int i = 0; i < 100; ++i) checkAgainstPasses(false, rng, -32768, 32767);
+    for (bool vertical : {true, false}) {
+      std::mt19937 rng(vertical ? 11 : 12);
+      for (int i = 0; i < 300; ++i) checkAgainstPasses(vertical, rng, -8192, 8191);
+      // The same exact values for every 16-bit input: sums wrap, never saturate.
+      for (int i = 0; i < 100; ++i) checkAgainstPasses(vertical, rng, -32768, 32767);
+    }
   });
 }
 
