@@ -12,6 +12,7 @@
 
 #include "kernels/display/clahe_rows.hpp"
 #include "kernels/simd_targets.hpp"
+#include "support/test_util.hpp"
 
 namespace quorvel {
 namespace {
@@ -57,6 +58,22 @@ void refClip(Histogram& h, int64_t n, double clip) {
   }
 }
 
+// The bilinear mix at pixel (r, c) of the mappings m(tile row, tile column) of the four
+// tiles whose centres surround it, in double, plus 0.5. Block 0 between tile centres is the
+// 20-pixel half block at the edge.
+template <class M>
+double refMix(M&& m, int r, int c, int tileRows, int tileCols) {
+  int const i = (r + 20) / kTile, k = (c + 20) / kTile;
+  double const Y = i == 0 ? 20 : 40, X = k == 0 ? 20 : 40;
+  double const y = r - (i == 0 ? 0 : i * kTile - 20), x = c - (k == 0 ? 0 : k * kTile - 20);
+  int const up = i == 0 ? 0 : std::min(i - 1, tileRows - 1), down = std::min(i, tileRows - 1);
+  int const lf = k == 0 ? 0 : std::min(k - 1, tileCols - 1), rt = std::min(k, tileCols - 1);
+  return ((m(up, lf) * (X - x) + m(up, rt) * x) * (Y - y) +
+          (m(down, lf) * (X - x) + m(down, rt) * x) * y) /
+             (X * Y) +
+         0.5;
+}
+
 // Equalises channel 0 of `img` (w x h pixels, 3 samples each) in place from (r0, c0) on.
 void refClahe(std::vector<int16_t>& img, int w, int h, double clip, int r0, int c0) {
   int const tileRows = (h + kTile - 1) / kTile, tileCols = (w + kTile - 1) / kTile;
@@ -92,19 +109,10 @@ void refClahe(std::vector<int16_t>& img, int w, int h, double clip, int r0, int 
   std::vector<int16_t> const before = img;
   for (int r = r0; r < h; ++r) {
     for (int c = c0; c < w; ++c) {
-      // Blocks between tile centres; block 0 is the 20-pixel half block at the edge.
-      int const i = (r + 20) / kTile, k = (c + 20) / kTile;
-      int const top = i == 0 ? 0 : i * kTile - 20, left = k == 0 ? 0 : k * kTile - 20;
-      double const Y = i == 0 ? 20 : 40, X = k == 0 ? 20 : 40;
-      double const y = r - top, x = c - left;
-      int const up = i == 0 ? 0 : std::min(i - 1, tileRows - 1), down = std::min(i, tileRows - 1);
-      int const lf = k == 0 ? 0 : std::min(k - 1, tileCols - 1), rt = std::min(k, tileCols - 1);
       int const b = binOf(before[3 * (r * w + c)]);
-      double const ul = maps[up * tileCols + lf][b], ur = maps[up * tileCols + rt][b];
-      double const ll = maps[down * tileCols + lf][b], lr = maps[down * tileCols + rt][b];
-      double const value =
-          ((ul * (X - x) + ur * x) * (Y - y) + (ll * (X - x) + lr * x) * y) / (X * Y) + 0.5;
-      img[3 * (r * w + c)] = static_cast<int16_t>(static_cast<int>(value));
+      auto m = [&](int tr, int tc) { return static_cast<double>(maps[tr * tileCols + tc][b]); };
+      img[3 * (r * w + c)] =
+          static_cast<int16_t>(static_cast<int>(refMix(m, r, c, tileRows, tileCols)));
     }
   }
 }
@@ -146,95 +154,20 @@ class ClaheFilter : public ::testing::Test {
   SoftwareFilterCLAHE filter_{pointFilter("FilterCLAHE", 1, 48, 48, 3, 3, 16)};
 };
 
-TEST_F(ClaheFilter, MatchesTheReferenceOnImagesWithPartialTiles) {
-  std::mt19937 gen(7);
-  struct Size {
-    int w, h;
-  };
-  for (Size const size : {Size{41, 41}, Size{100, 73}, Size{80, 80}, Size{123, 200}}) {
-    for (double clip : {0.25, 1.0, 2.0, 3.5}) {
-      std::vector<int16_t> const original = randomImage(size.w, size.h, gen);
-      auto source = makeImage(size.w, size.h, original);
-      auto target = std::make_shared<Buffer2DVector<RgbS16>>(size.w, size.h, true);
-      filter_.apply({source}, {{0, 0, size.w, size.h}}, {target}, {{0, 0, size.w, size.h}},
-                    clahe(clip));
-      std::vector<int16_t> want = original;
-      refClahe(want, size.w, size.h, std::max(1.0, clip), 0, 0);
-      SCOPED_TRACE(::testing::Message() << size.w << " x " << size.h << " clip " << clip);
-      // The source is equalised in place and the target is a copy of it.
-      ASSERT_EQ(samplesOf(*source), want);
-      ASSERT_EQ(samplesOf(*target), want);
-    }
-  }
-}
-
-TEST_F(ClaheFilter, SkipsTheFirstTileWhenTheDestinationStartsATileIn) {
-  std::mt19937 gen(8);
-  int const w = 123, h = 97;
-  std::vector<int16_t> const original = randomImage(w, h, gen);
-  auto source = makeImage(w, h, original);
-  auto target = std::make_shared<Buffer2DVector<RgbS16>>(w - 40, h - 40, true);
-  // Destination x - source x = -40 (wraps as unsigned), y difference 0: columns from 40 on.
-  filter_.apply({source}, {{40, 0, w - 40, h - 40}}, {target}, {{0, 0, w - 40, h - 40}},
-                clahe(2.0));
-  std::vector<int16_t> want = original;
-  refClahe(want, w, h, 2.0, 0, 40);
-  ASSERT_EQ(samplesOf(*source), want);
-  for (int y = 0; y < h - 40; ++y) {
-    for (int x = 0; x < w - 40; ++x) {
-      for (int ch = 0; ch < 3; ++ch) {
-        ASSERT_EQ(target->data()[y * (w - 40) + x][ch], want[3 * (y * w + x + 40) + ch])
-            << x << ", " << y << " channel " << ch;
-      }
-    }
-  }
-}
-
-TEST_F(ClaheFilter, PassesSmallSourcesThroughUnchanged) {
-  std::mt19937 gen(9);
-  struct Size {
-    int w, h;
-  };
-  for (Size const size : {Size{40, 90}, Size{90, 40}, Size{12, 7}}) {
-    std::vector<int16_t> const original = randomImage(size.w, size.h, gen);
-    auto source = makeImage(size.w, size.h, original);
-    auto target = std::make_shared<Buffer2DVector<RgbS16>>(size.w, size.h, true);
-    filter_.apply({source}, {{0, 0, size.w, size.h}}, {target}, {{0, 0, size.w, size.h}},
-                  clahe(2.0));
-    EXPECT_EQ(samplesOf(*source), original);
-    EXPECT_EQ(samplesOf(*target), original);
-  }
-}
-
-TEST_F(ClaheFilter, CopiesChannelsTwoAndThreeBitForBit) {
-  std::mt19937 gen(10);
-  std::vector<int16_t> const original = randomImage(100, 73, gen);
-  auto source = makeImage(100, 73, original);
-  auto target = std::make_shared<Buffer2DVector<RgbS16>>(100, 73, true);
-  filter_.apply({source}, {{0, 0, 100, 73}}, {target}, {{0, 0, 100, 73}}, clahe(3.0));
-  bool changed = false;
-  for (size_t i = 0; i < 100 * 73; ++i) {
-    ASSERT_EQ(target->data()[i][1], original[3 * i + 1]) << i;
-    ASSERT_EQ(target->data()[i][2], original[3 * i + 2]) << i;
-    ASSERT_GE(target->data()[i][0], 0);
-    ASSERT_LE(target->data()[i][0], 255);
-    changed |= target->data()[i][0] != original[3 * i];
-  }
-  EXPECT_TRUE(changed);
-}
-
 // Runs the filter from `in` of a w x h source to `out` of a tw x th target filled with a
-// sentinel, and checks both against the reference: the source equalised from the tile that
-// the rectangles select, and the target holding the flat copy of it. The expected copy
-// clips the output to the target, moves the input by what the output lost (as
-// getValidRects does), then copies flat source indices, skipping negative row starts.
+// sentinel, and checks both against the reference: the source equalised in place from the
+// tile that the rectangles select (sources of 40 or fewer pixels on a side pass unchanged),
+// and the target holding the flat copy of it. The expected copy clips the output to the
+// target, moves the input by what the output lost (as getValidRects does), then copies flat
+// source indices, skipping negative row starts.
 void expectEqualisedCopy(SoftwareFilterCLAHE& filter, std::vector<int16_t> const& original, int w,
-                         int h, Rect const& in, Rect const& out, int tw, int th) {
+                         int h, Rect const& in, Rect const& out, int tw, int th,
+                         double clip = 1.5) {
   RgbS16 const sentinel{{-7, -7, -7}};
   auto source = makeImage(w, h, original);
   auto target = std::make_shared<Buffer2DVector<RgbS16>>(tw, th, true);
   target->clear(sentinel);
-  filter.apply({source}, {in}, {target}, {out}, clahe(1.5));
+  filter.apply({source}, {in}, {target}, {out}, clahe(clip));
   int const ox = std::max(out[0], 0), oy = std::max(out[1], 0);
   int const ow = std::min(out[0] + out[2], tw) - ox;
   int const oh = std::min(out[1] + out[3], th) - oy;
@@ -242,10 +175,11 @@ void expectEqualisedCopy(SoftwareFilterCLAHE& filter, std::vector<int16_t> const
   std::vector<int16_t> want = original;
   if (w > 40 && h > 40) {
     auto skip = [](int o, int i) { return static_cast<uint32_t>(std::abs(o) - i) >= 40 ? 40 : 0; };
-    refClahe(want, w, h, 1.5, skip(oy, iy), skip(ox, ix));
+    refClahe(want, w, h, std::max(1.0, clip), skip(oy, iy), skip(ox, ix));
   }
-  SCOPED_TRACE(::testing::Message() << "in " << in[0] << ", " << in[1] << " out " << out[0] << ", "
-                                    << out[1] << " into " << tw << " x " << th);
+  SCOPED_TRACE(::testing::Message()
+               << "in " << in[0] << ", " << in[1] << " out " << out[0] << ", " << out[1] << " into "
+               << tw << " x " << th << " from " << w << " x " << h << " clip " << clip);
   ASSERT_EQ(samplesOf(*source), want);
   for (int y = 0; y < th; ++y) {
     for (int x = 0; x < tw; ++x) {
@@ -262,6 +196,18 @@ void expectEqualisedCopy(SoftwareFilterCLAHE& filter, std::vector<int16_t> const
   }
 }
 
+// Whole images, partial tiles at the right and bottom, every clip limit class (below one is
+// raised to one); channels 1 and 2 pass bit for bit.
+TEST_F(ClaheFilter, MatchesTheReferenceOnImagesWithPartialTiles) {
+  std::mt19937 gen(7);
+  for (auto [w, h] : {std::pair{41, 41}, {100, 73}, {80, 80}, {123, 200}}) {
+    for (double clip : {0.25, 1.0, 2.0, 3.5}) {
+      expectEqualisedCopy(filter_, randomImage(w, h, gen), w, h, {0, 0, w, h}, {0, 0, w, h}, w, h,
+                          clip);
+    }
+  }
+}
+
 TEST_F(ClaheFilter, CopiesOnlyWhatTheBuffersHold) {
   // Source of 30 x 20 (too small to equalise), so the copy alone is visible.
   std::vector<int16_t> original(3 * 30 * 20);
@@ -271,6 +217,11 @@ TEST_F(ClaheFilter, CopiesOnlyWhatTheBuffersHold) {
                          {{25, 17, 30, 20}, {0, 0, 30, 20}},
                          {{0, 0, 1000, 1000}, {-8, -9, 1000, 1000}}}) {
     expectEqualisedCopy(filter_, original, 30, 20, in, out, 30, 20);
+  }
+  // Sources of one tile or less in either direction pass through unchanged.
+  std::mt19937 gen(9);
+  for (auto [w, h] : {std::pair{40, 90}, {90, 40}, {12, 7}}) {
+    expectEqualisedCopy(filter_, randomImage(w, h, gen), w, h, {0, 0, w, h}, {0, 0, w, h}, w, h);
   }
 }
 
@@ -285,14 +236,16 @@ TEST_F(ClaheFilter, CopiesTheEqualisedRowsForAnyRectangles) {
     Rect in, out;
     int tw, th;
   };
+  int const rw = w - 40, rh = h - 40;  // what follows the first tile column and row
   Case const cases[] = {
-      {{0, 0, w, h}, {0, 0, w, h}, w, h},             // whole rows, same layout
-      {{0, 10, w, h}, {7, 3, w, h}, 140, 90},         // whole rows into a wider target
-      {{0, 0, w, h}, {0, 45, w, h}, w, h},            // the first tile row is not equalised
-      {{40, 0, w - 40, h}, {0, 0, w - 40, h}, w, h},  // nor is the first tile column
-      {{3, 0, w - 3, h}, {0, 0, w - 3, h}, w, h},     // partial rows
-      {{5, -3, w, h}, {0, 0, w, h}, w, h},            // rows running into the next one
-      {{0, 50, w, h}, {0, 0, w, h}, w, h},            // past the end of the source
+      {{0, 0, w, h}, {0, 0, w, h}, w, h},          // whole rows, same layout
+      {{0, 10, w, h}, {7, 3, w, h}, 140, 90},      // whole rows into a wider target
+      {{0, 0, w, h}, {0, 45, w, h}, w, h},         // the first tile row is not equalised
+      {{40, 0, rw, h}, {0, 0, rw, h}, w, h},       // nor is the first tile column,
+      {{40, 0, rw, rh}, {0, 0, rw, rh}, rw, rh},   // also into a target of the rest only
+      {{3, 0, w - 3, h}, {0, 0, w - 3, h}, w, h},  // partial rows
+      {{5, -3, w, h}, {0, 0, w, h}, w, h},         // rows running into the next one
+      {{0, 50, w, h}, {0, 0, w, h}, w, h},         // past the end of the source
   };
   for (Case const& c : cases) {
     expectEqualisedCopy(filter_, original, w, h, c.in, c.out, c.tw, c.th);
@@ -306,14 +259,11 @@ TEST_F(ClaheFilter, CopiesTheEqualisedRowsForAnyRectangles) {
 }
 
 TEST_F(ClaheFilter, RejectsParametersOfAnotherClass) {
-  auto source = std::make_shared<Buffer2DVector<RgbS16>>(8, 8, true);
-  auto target = std::make_shared<Buffer2DVector<RgbS16>>(8, 8, true);
-  try {
-    filter_.apply({source}, {Rect{}}, {target}, {{0, 0, 8, 8}}, FilterEmptyParams::instance());
-    FAIL() << "no exception";
-  } catch (QuorvelException const& e) {
-    EXPECT_NE(std::string(e.what()).find("Filter parameters cast failed"), std::string::npos);
-  }
+  auto buffer = std::make_shared<Buffer2DVector<RgbS16>>(8, 8, true);
+  std::string const text = testing::failureOf([&] {
+    filter_.apply({buffer}, {Rect{}}, {buffer}, {{0, 0, 8, 8}}, FilterEmptyParams::instance());
+  });
+  EXPECT_NE(text.find("Filter parameters cast failed"), std::string::npos) << text;
 }
 
 TEST(ClaheClipLimit, IsRoundedToFloatAndRaisedToOne) {
@@ -377,11 +327,10 @@ TEST(Clahe, ConstantTileGivesARamp) {
 TEST(Clahe, OutOfRangeSamplesLandInTheEndBins) {
   CLAHE c;
   c.configure(40, 40, 1e9);
-  EXPECT_EQ(c.sampleIndex(-1), 0u);
-  EXPECT_EQ(c.sampleIndex(-32768), 0u);
-  EXPECT_EQ(c.sampleIndex(256), 255u);
-  EXPECT_EQ(c.sampleIndex(32767), 255u);
-  EXPECT_EQ(c.sampleIndex(77), 77u);
+  for (auto [sample, bin] :
+       {std::pair<int16_t, size_t>{-1, 0}, {-32768, 0}, {256, 255}, {32767, 255}, {77, 77}}) {
+    EXPECT_EQ(c.sampleIndex(sample), bin) << sample;
+  }
   std::vector<int16_t> samples(3 * 1600);
   for (size_t i = 0; i < 1600; ++i) {
     samples[3 * i] = static_cast<int16_t>(i % 2 ? 300 + i : -1 - static_cast<int>(i));
@@ -422,17 +371,9 @@ TEST(Clahe, InterpolatesExactlyLikeTheDoubleFormula) {
           ASSERT_EQ(samples[at], before[at]);
           continue;
         }
-        int const i = (r + 20) / 40, k = (col + 20) / 40;
-        double const Y = i ? 40 : 20, X = k ? 40 : 20;
-        double const y = r - (i ? i * 40 - 20 : 0), x = col - (k ? k * 40 - 20 : 0);
-        int const up = i ? std::min(i - 1, 2) : 0, dn = std::min(i, 2);
-        int const lf = k ? std::min(k - 1, 2) : 0, rt = std::min(k, 2);
         int const b = std::clamp<int>(before[at], 0, 255);
         auto m = [&](int tr, int tc) { return double(c.mappings[(tr * 3 + tc) * 256 + b]); };
-        double const v = ((m(up, lf) * (X - x) + m(up, rt) * x) * (Y - y) +
-                          (m(dn, lf) * (X - x) + m(dn, rt) * x) * y) /
-                             (X * Y) +
-                         0.5;
+        double const v = refMix(m, r, col, 3, 3);
         ASSERT_EQ(samples[at], static_cast<int16_t>(static_cast<uint16_t>(v)))
             << r << ", " << col << " top " << top;
       }

@@ -1,16 +1,16 @@
 #include "quorvel/kernels/display/lut.hpp"
 
 #include <gtest/gtest.h>
-#include <hwy/targets.h>
 
 #include <cmath>
-#include <limits>
+#include <functional>
 #include <random>
 #include <string>
 #include <typeinfo>
 
 #include "filters/kernel_frame.hpp"
 #include "kernels/simd_targets.hpp"
+#include "support/test_util.hpp"
 
 namespace quorvel {
 namespace {
@@ -18,6 +18,7 @@ namespace {
 using Linear8 = SoftwareFilterLinearTo8bitSRGB<uint8_t, 4, uint8_t, 4>;
 using Linear16 = SoftwareFilterLinearTo8bitSRGB<int16_t, 3, uint8_t, 4>;
 using Gamma16 = SoftwareFilterLinear16TosRGB8<int16_t, 3, uint8_t, 4>;
+using testing::failureOf;
 
 constexpr char kPixelTypeText[] =
     "filter is instantiated with a PixelType that does not accommodate the required "
@@ -28,6 +29,15 @@ Filter rgba8Description(size_t bitDepthIn, size_t bppIn = 32, size_t bppOut = 32
 }
 Filter rgb16Description(size_t bitDepthIn, size_t bppIn = 48, size_t bppOut = 32) {
   return pointFilter("FilterLinear16TosRGB8", 1, bppIn, bppOut, 3, 4, bitDepthIn);
+}
+
+template <class Params>
+Params gammaParams(double gamma, size_t black, size_t white) {
+  Params p;
+  p.gamma = gamma;
+  p.blackPoint = black;
+  p.whitePoint = white;
+  return p;
 }
 
 // The gamma table as documented, one entry at a time, with C's NaN-to-integer rule
@@ -58,19 +68,13 @@ uint8_t referenceGammaEntry(size_t bits, double gamma, size_t black, size_t whit
   return 0;
 }
 
-// Pointers into a buffer as flat channel arrays.
-template <class P>
-auto* channels(Buffer2DVector<P>& b) {
-  return b.data()->data();
-}
-
 // A buffer of random pixels.
 template <class P>
 std::shared_ptr<Buffer2DVector<P>> randomBuffer(size_t w, size_t h, std::mt19937& rng, int lo,
                                                 int hi) {
   auto b = std::make_shared<Buffer2DVector<P>>(w, h, true);
   std::uniform_int_distribution<int> dist(lo, hi);
-  auto* c = channels(*b);
+  auto* c = b->data()->data();
   for (size_t i = 0; i < w * h * std::tuple_size<P>::value; ++i) {
     c[i] = static_cast<typename P::value_type>(dist(rng));
   }
@@ -90,22 +94,17 @@ class FixedKeyParams : public FilterLinear16TosRGB8Params {
   std::string key() const override { return "same"; }
 };
 
-// ================================================================================
-// Tables
-// ================================================================================
+// --- Tables
 
-TEST(LutTables, GammaTableAt8BitsHasKneeAtOne) {
+TEST(LutTables, GammaTableMatchesDocumentedFormula) {
+  // At 8 bits with gamma 2.4 the knee rounds to level 1, so every level in between is on
+  // the power curve.
   std::vector<uint8_t> const lut = makeGammaLut(8, 2.4, 0, 255);
   ASSERT_EQ(lut.size(), 256u);
-  EXPECT_EQ(lut[0], 0);
-  EXPECT_EQ(lut[255], 255);
-  for (size_t i = 1; i < 255; ++i) {
+  for (size_t i = 0; i < 256; ++i) {
     double const v = (std::pow(i / 255.0, 1 / 2.4) * 1.055 - 0.055) * 255.0;
-    EXPECT_EQ(lut[i], static_cast<uint8_t>(std::round(v))) << "level " << i;
+    EXPECT_EQ(lut[i], i == 0 ? 0 : static_cast<uint8_t>(std::round(v))) << "level " << i;
   }
-}
-
-TEST(LutTables, GammaTableMatchesDocumentedFormulaOnRandomParameters) {
   std::mt19937 rng(7);
   double const gammas[] = {2.4, 2.2, 1.8, 1.0, 0.8, 0.5, 1.0 / 3.0, 3.7, 1.0001};
   for (int round = 0; round < 60; ++round) {
@@ -154,20 +153,18 @@ TEST(LutTables, GammaTableEdgeCases) {
   EXPECT_EQ(makeGammaLut(0, 2.4, 0, 0), std::vector<uint8_t>{255});
 }
 
-TEST(LutTables, ExactSrgbTableFloors) {
-  std::vector<uint8_t> const lut = makeSrgbLut(8);
-  ASSERT_EQ(lut.size(), 256u);
-  EXPECT_EQ(lut[0], 0);
-  EXPECT_EQ(lut[1], 12);
-  EXPECT_EQ(lut[255], 254);
+TEST(LutTables, SrgbEncodeTables) {
+  // The exact 8-bit table floors (level 255 gives 254).
+  std::vector<uint8_t> const exact = makeSrgbLut(8);
+  ASSERT_EQ(exact.size(), 256u);
+  EXPECT_EQ(exact[1], 12);
+  EXPECT_EQ(exact[255], 254);
   for (size_t i = 0; i < 256; ++i) {
     double const x = i / 255.0;
     double const y = x < 0.0031308 ? x * 12.92 : std::pow(x, 0.4166666666666667) * 1.055 - 0.055;
-    EXPECT_EQ(lut[i], static_cast<uint8_t>(std::floor(y * 255.0))) << i;
+    EXPECT_EQ(exact[i], static_cast<uint8_t>(std::floor(y * 255.0))) << i;
   }
-}
-
-TEST(LutTables, TwelveBitSrgbIsWithinOneOfIecEncode) {
+  // At 12 bits the table is within one of the rounded IEC encoding.
   std::vector<uint8_t> const lut = makeLinearToSrgbLut(12);
   ASSERT_EQ(lut.size(), 4096u);
   for (size_t i = 0; i < 4096; ++i) {
@@ -178,6 +175,8 @@ TEST(LutTables, TwelveBitSrgbIsWithinOneOfIecEncode) {
   }
   EXPECT_EQ(makeLinearToSrgbLut(8), makeSrgbLut(8));
   EXPECT_EQ(makeLinearToSrgbLut(16), makeGammaLut(16, 2.4, 0, 65535));
+  EXPECT_EQ(failureOf([] { makeLinearToSrgbLut(17); }),
+            "unsupported bit depth for SoftwareFilterLinearTo8bitSRGB");
 }
 
 TEST(LutTables, SrgbDecodeTo3500Scale) {
@@ -189,40 +188,24 @@ TEST(LutTables, SrgbDecodeTo3500Scale) {
         i < 10 ? (x / 12.92) * 3500 + 0.5 : std::pow((x + 0.055) / 1.055, 2.4) * 3500 + 0.5;
     EXPECT_EQ(linear[static_cast<size_t>(i)], static_cast<int16_t>(std::min(3500.0, v))) << i;
   }
-  EXPECT_EQ(linear[0], 0);
-  EXPECT_EQ(linear[255], 3500);
 }
 
-TEST(LutTables, BitDepthAbove16IsRejected) {
-  try {
-    makeLinearToSrgbLut(17);
-    FAIL() << "no exception";
-  } catch (QuorvelException const& e) {
-    EXPECT_STREQ(e.what(), "unsupported bit depth for SoftwareFilterLinearTo8bitSRGB");
-  }
-}
-
-// ================================================================================
-// Filters: construction, keys, cache
-// ================================================================================
+// --- Filters: construction, keys, cache
 
 TEST(LutFilter, ConstructorChecksPixelTypes) {
-  auto const expectRejected = [](auto make) {
-    try {
-      make();
-      ADD_FAILURE() << "no exception";
-    } catch (QuorvelException const& e) {
-      EXPECT_STREQ(e.what(), kPixelTypeText);
-    }
-  };
-  EXPECT_NO_THROW(Linear8(rgba8Description(8, 35, 35)));  // remainders are ignored
-  expectRejected([] { Linear8(rgba8Description(9)); });
-  expectRejected([] { Linear8(rgba8Description(8, 36, 32)); });
-  expectRejected([] { SoftwareFilterBlackWhiteGamma8(rgba8Description(8, 32, 36)); });
+  // Bits per pixel beyond a whole pixel's worth are ignored.
+  EXPECT_NO_THROW(Linear8(rgba8Description(8, 35, 35)));
   EXPECT_NO_THROW(Gamma16(rgb16Description(16, 50, 35)));
-  expectRejected([] { Gamma16(rgb16Description(17)); });
-  expectRejected([] { Linear16(rgb16Description(16, 51, 32)); });
-  expectRejected([] { Gamma16(rgb16Description(16, 48, 36)); });
+  std::function<void()> const rejected[] = {
+      [] { Linear8(rgba8Description(9)); },
+      [] { Linear8(rgba8Description(8, 36, 32)); },
+      [] { SoftwareFilterBlackWhiteGamma8(rgba8Description(8, 32, 36)); },
+      [] { Gamma16(rgb16Description(17)); },
+      [] { Linear16(rgb16Description(16, 51, 32)); },
+      [] { Gamma16(rgb16Description(16, 48, 36)); }};
+  for (size_t i = 0; i < std::size(rejected); ++i) {
+    EXPECT_EQ(failureOf(rejected[i]), kPixelTypeText) << "case " << i;
+  }
 }
 
 TEST(LutFilter, KeysSelectCachedTables) {
@@ -233,8 +216,7 @@ TEST(LutFilter, KeysSelectCachedTables) {
   auto const& first = filter.getLut(a);
   EXPECT_EQ(&filter.getLut(b), &first);
   EXPECT_EQ(first, makeGammaLut(12, 2.2, 0, 65535));
-  FilterLinear16TosRGB8Params c;
-  c.whitePoint = 1000;
+  auto const c = gammaParams<FilterLinear16TosRGB8Params>(2.4, 0, 1000);
   EXPECT_EQ(filter.getLut(c), makeGammaLut(12, 2.4, 0, 1000));
   EXPECT_EQ(filter.cachedLutCount(), 2u);
 
@@ -258,13 +240,8 @@ TEST(LutFilter, WrongParameterClassesFailAndLeaveCacheUnchanged) {
     EXPECT_THROW(std::rethrow_if_nested(e), std::bad_cast);
   }
   // Comparable, but not the filter's class: the cast in computeLut fails.
-  try {
-    filter.getLut(FilterBlackWhiteGamma8Params{});
-    FAIL() << "no exception";
-  } catch (QuorvelException const& e) {
-    EXPECT_STREQ(e.what(),
-                 "#Name:Filter parameters cast failed#Location:T& SingleFilterParameters::as<T>()");
-  }
+  EXPECT_EQ(failureOf([&] { filter.getLut(FilterBlackWhiteGamma8Params{}); }),
+            "#Name:Filter parameters cast failed#Location:T& SingleFilterParameters::as<T>()");
   SoftwareFilterBlackWhiteGamma8 gamma8(rgba8Description(8));
   EXPECT_THROW(gamma8.getLut(FilterLinear16TosRGB8Params{}), QuorvelException);
   EXPECT_EQ(filter.cachedLutCount(), 0u);
@@ -273,36 +250,31 @@ TEST(LutFilter, WrongParameterClassesFailAndLeaveCacheUnchanged) {
 
 TEST(LutFilter, BlackWhiteGammaTableComposesDecodeAndGamma) {
   SoftwareFilterBlackWhiteGamma8 filter(rgba8Description(8));
-  FilterBlackWhiteGamma8Params p;
-  p.gamma = 1.8;
-  p.blackPoint = 300;
-  p.whitePoint = 3200;
+  auto const& lut = filter.getLut(gammaParams<FilterBlackWhiteGamma8Params>(1.8, 300, 3200));
   std::vector<uint8_t> const levels = makeGammaLut(12, 1.8, 300, 3200);
   std::vector<int16_t> const linear = makeSrgbToLinear3500();
-  auto const& lut = filter.getLut(p);
   ASSERT_EQ(lut.size(), 256u);
   for (size_t i = 0; i < 256; ++i) EXPECT_EQ(lut[i], levels[static_cast<size_t>(linear[i])]) << i;
 }
 
-// ================================================================================
-// Filters: pixels
-// ================================================================================
+// --- Filters: pixels
 
 // Applies `filter` on random images and rectangles and compares every target pixel with
 // the documented per-pixel mapping; pixels outside the output rectangle keep the sentinel.
 template <class In, class FilterT>
-void checkRandomApply(FilterT& filter, SingleFilterParameters const& params, int lo, int hi,
+void checkRandomApply(FilterT&& filter, SingleFilterParameters const& params, int lo, int hi,
                       uint32_t seed) {
   std::mt19937 rng(seed);
   std::vector<uint8_t> const lut = filter.getLut(params);
-  size_t const last =
-      std::min<size_t>(lut.size() - 1, std::is_same_v<In, PixelRgbS16> ? 32767 : 255);
+  constexpr bool kSixteen = std::is_same_v<In, PixelRgbS16>;
+  size_t const last = std::min<size_t>(lut.size() - 1, kSixteen ? 32767 : 255);
+  PixelRgba8 const sentinel{0xA5, 0x5A, 0xC3, 0x3C};
   for (int round = 0; round < 25; ++round) {
     std::uniform_int_distribution<size_t> dim(1, 37);
     size_t const w = dim(rng), h = dim(rng), tw = dim(rng), th = dim(rng);
     auto source = randomBuffer<In>(w, h, rng, lo, hi);
     auto target = std::make_shared<Buffer2DVector<PixelRgba8>>(tw, th, true);
-    target->clear({0xA5, 0x5A, 0xC3, 0x3C});
+    target->clear(sentinel);
     std::vector<int> const inRect = randomRect(w, h, rng), outRect = randomRect(tw, th, rng);
     std::vector<int> clipped;
     if (!SoftwareFilter::intersect(outRect, target->rect(), clipped)) {
@@ -313,88 +285,57 @@ void checkRandomApply(FilterT& filter, SingleFilterParameters const& params, int
     kernel::Span const s = kernel::validSpan(inRect, *source, outRect, *target);
     for (size_t y = 0; y < th; ++y) {
       for (size_t x = 0; x < tw; ++x) {
-        PixelRgba8 expected{0xA5, 0x5A, 0xC3, 0x3C};
+        PixelRgba8 expected = sentinel;
         int64_t const dx = static_cast<int64_t>(x) - s.outX, dy = static_cast<int64_t>(y) - s.outY;
         if (dx >= 0 && dy >= 0 && dx < s.width && dy < s.height) {
           In const& p = source->data()[(s.inY + dy) * static_cast<int64_t>(w) + s.inX + dx];
           for (size_t c = 0; c < 3; ++c) {
-            int64_t const level = std::clamp<int64_t>(p[c], 0, static_cast<int64_t>(last));
-            expected[c] = lut[static_cast<size_t>(level)];
+            expected[c] = lut[static_cast<size_t>(std::clamp<int64_t>(p[c], 0, last))];
           }
-          expected[3] = std::is_same_v<In, PixelRgbS16> ? 255 : p[3];
+          expected[3] = kSixteen ? 255 : p[3];
         }
-        PixelRgba8 const got = target->data()[y * tw + x];
-        ASSERT_EQ(got, expected) << "pixel " << x << "," << y << " of " << tw << "x" << th
-                                 << " round " << round;
+        ASSERT_EQ(target->data()[y * tw + x], expected)
+            << "pixel " << x << "," << y << " of " << tw << "x" << th << " round " << round;
       }
     }
   }
 }
 
 TEST(LutFilter, AllMembersMatchReferenceOnRandomImages) {
-  FilterLinear16TosRGB8Params gammaParams;
-  gammaParams.gamma = 2.2;
-  gammaParams.blackPoint = 40;
-  gammaParams.whitePoint = 3000;
+  auto const gamma = gammaParams<FilterLinear16TosRGB8Params>(2.2, 40, 3000);
+  auto const& none = FilterEmptyParams::instance();
   Gamma16 gamma16(rgb16Description(12));
-  checkRandomApply<PixelRgbS16>(gamma16, gammaParams, -40000, 40000, 1);
-  checkRandomApply<PixelRgbS16>(gamma16, gammaParams, -10, 5000, 2);
-  Gamma16 gamma16full(rgb16Description(16));
-  checkRandomApply<PixelRgbS16>(gamma16full, gammaParams, -32768, 32767, 3);
-  Linear16 srgb16(rgb16Description(10));
-  checkRandomApply<PixelRgbS16>(srgb16, FilterEmptyParams::instance(), -100, 2000, 4);
-  Linear8 srgb8(rgba8Description(8));
-  checkRandomApply<PixelRgba8>(srgb8, FilterEmptyParams::instance(), 0, 255, 5);
-  Linear8 srgb8small(rgba8Description(5));  // 32 entries: levels above read the last one
-  checkRandomApply<PixelRgba8>(srgb8small, FilterEmptyParams::instance(), 0, 255, 6);
-  SoftwareFilterBlackWhiteGamma8 bwg(rgba8Description(8));
-  FilterBlackWhiteGamma8Params bwgParams;
-  bwgParams.whitePoint = 2000;
-  checkRandomApply<PixelRgba8>(bwg, bwgParams, 0, 255, 7);
-}
-
-TEST(LutFilter, ClampsSixteenBitLevelsAndSetsOpaqueAlpha) {
-  Gamma16 filter(rgb16Description(8));
-  FilterLinear16TosRGB8Params p;
-  p.whitePoint = 200;
-  auto source = std::make_shared<Buffer2DVector<PixelRgbS16>>(2, 1, true);
-  source->data()[0] = {-1, -32768, 0};
-  source->data()[1] = {255, 256, 32767};
-  auto target = std::make_shared<Buffer2DVector<PixelRgba8>>(2, 1, true);
-  filter.apply({source}, {{}}, {target}, {{0, 0, 2, 1}}, p);
-  std::vector<uint8_t> const lut = makeGammaLut(8, 2.4, 0, 200);
-  EXPECT_EQ(target->data()[0], (PixelRgba8{lut[0], lut[0], lut[0], 255}));
-  EXPECT_EQ(target->data()[1], (PixelRgba8{255, 255, 255, 255}));
+  checkRandomApply<PixelRgbS16>(gamma16, gamma, -40000, 40000, 1);
+  checkRandomApply<PixelRgbS16>(gamma16, gamma, -10, 5000, 2);
+  checkRandomApply<PixelRgbS16>(Gamma16(rgb16Description(16)), gamma, -32768, 32767, 3);
+  checkRandomApply<PixelRgbS16>(Linear16(rgb16Description(10)), none, -100, 2000, 4);
+  checkRandomApply<PixelRgba8>(Linear8(rgba8Description(8)), none, 0, 255, 5);
+  // 32 entries: levels above read the last one.
+  checkRandomApply<PixelRgba8>(Linear8(rgba8Description(5)), none, 0, 255, 6);
+  checkRandomApply<PixelRgba8>(SoftwareFilterBlackWhiteGamma8(rgba8Description(8)),
+                               gammaParams<FilterBlackWhiteGamma8Params>(2.4, 0, 2000), 0, 255, 7);
 }
 
 TEST(LutFilter, MissingStorageFails) {
-  Linear8 filter(rgba8Description(8));
   auto source = std::make_shared<Buffer2DVector<PixelRgba8>>(4, 4, false);
   auto target = std::make_shared<Buffer2DVector<PixelRgba8>>(4, 4, true);
-  EXPECT_THROW(
-      filter.apply({source}, {{}}, {target}, {{0, 0, 4, 4}}, FilterEmptyParams::instance()),
-      QuorvelException);
+  EXPECT_THROW(Linear8(rgba8Description(8))
+                   .apply({source}, {{}}, {target}, {{0, 0, 4, 4}}, FilterEmptyParams::instance()),
+               QuorvelException);
 }
 
-// ================================================================================
-// Row kernels on every SIMD target
-// ================================================================================
+// --- Row kernels on every SIMD target
 
 TEST(LutRows, VectorFormsEqualScalarOnEveryTarget) {
   std::mt19937 rng(11);
-  std::vector<uint8_t> table(256);
-  for (auto& v : table) v = static_cast<uint8_t>(rng());
-  size_t const maxWidth = 300;
-  std::vector<uint8_t> rgba(4 * maxWidth);
-  for (auto& v : rgba) v = static_cast<uint8_t>(rng());
-  std::vector<int16_t> rgb(3 * maxWidth);
+  std::vector<uint8_t> table(256), rgba(4 * 300), big(32768 + 3);
+  std::vector<int16_t> rgb(3 * 300);
+  for (auto* v : {&table, &rgba, &big}) {
+    for (auto& b : *v) b = static_cast<uint8_t>(rng());
+  }
   for (auto& v : rgb) v = static_cast<int16_t>(rng());
-  std::vector<uint8_t> big(32768 + 3);
-  for (auto& v : big) v = static_cast<uint8_t>(rng());
-
   testing::forEachSimdTarget([&] {
-    for (size_t width : {size_t{0}, size_t{1}, size_t{7}, size_t{15}, size_t{16}, size_t{17},
-                         size_t{31}, size_t{33}, size_t{64}, size_t{65}, size_t{129}, maxWidth}) {
+    for (size_t width : {0, 1, 7, 15, 16, 17, 31, 33, 64, 65, 129, 300}) {
       std::vector<uint8_t> want(4 * width + 8, 0xEE), got(4 * width + 8, 0xEE);
       lut_detail::applyLutRgba8Scalar(table.data(), rgba.data(), want.data(), width);
       lut_detail::applyLutRgba8(table.data(), rgba.data(), got.data(), width);

@@ -122,7 +122,7 @@ void checkRandom(uint32_t seed) {
   auto uniform = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
   auto filter = makeFilter<P>();
   P fill{};
-  for (size_t c = 0; c < fill.size(); ++c) fill[c] = static_cast<C>(0x12A5 + 0x3B5A * c);
+  for (size_t c = 0; c < fill.size(); ++c) fill[c] = static_cast<C>(0x1234 + 0x1111 * c);
   for (int round = 0; round < 40; ++round) {
     Filter3x3MatrixParams params;
     int32_t const range = round % 3 == 0 ? 2147483647 : (round % 3 == 1 ? 20000 : 3000);
