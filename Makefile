@@ -9,7 +9,7 @@ FUZZ_SECONDS ?= 60
 SOAK_SECONDS ?= 600
 
 .PHONY: all deps deps-bench build test test-release test-asan test-tsan test-browser demo serve bench \
-  install clean fuzz soak format
+  bench-compare install clean fuzz soak format
 
 all: build
 
@@ -74,6 +74,11 @@ bench: deps-bench
 	./build-bench/bench/quorvel_bench --filter='$(BENCH_FILTER)'
 	bench/serve/serve-bench --server build-bench/tools/serve/quorvel-serve \
 	  --out build-bench/serve-bench.md
+
+# Kernel rows of the working tree against those of BASE (a git revision), run alternately.
+BASE ?= HEAD
+bench-compare: deps-bench
+	scripts/bench-compare --base '$(BASE)' --filter='$(if $(filter .,$(BENCH_FILTER)),^Filter,$(BENCH_FILTER))'
 
 install: build
 	cmake --install build --prefix $(PREFIX)
