@@ -140,10 +140,15 @@ void Engine::Impl::acquire(WaveletEncoder const& encoder, size_t tileBase,
       std::unique_lock<std::mutex> lock(storeMutex);
       for (size_t k = i; k < j; ++k) {
         Unit u = units[k];
-        bool const top = u.depth == p.depthOf(u.anchor);
-        u.firstTile = tileBase + p.tileId(u.anchor, u.depth, u.bx, u.by,
-                                          top ? Band::kLowLow : Band::kHighLow, 0);
-        u.tiles = 3 * (top ? 4 : 3);
+        if (u.depth == 0) {
+          u.firstTile = tileBase + p.pixelTileId(u.anchor, u.bx, u.by);
+          u.tiles = 1;
+        } else {
+          bool const top = u.depth == p.depthOf(u.anchor);
+          u.firstTile = tileBase + p.tileId(u.anchor, u.depth, u.bx, u.by,
+                                            top ? Band::kLowLow : Band::kHighLow, 0);
+          u.tiles = 3 * (top ? 4 : 3);
+        }
         for (;;) {
           auto& state = states[u.firstTile];
           if (state.refs > 0) {
@@ -181,23 +186,49 @@ void Engine::Impl::acquire(WaveletEncoder const& encoder, size_t tileBase,
 
 void Engine::Impl::upload(WaveletEncoder const& encoder, std::vector<Unit> const& missing,
                           Lease& lease) {
-  size_t minDepth = missing.front().depth;
-  for (Unit const& u : missing) minDepth = std::min(minDepth, u.depth);
+  // One block: its pixel tile read as it stands, and its coefficient tiles of every missing
+  // depth from one encoder run.
   Unit const& first = missing.front();
+  Pyramid const& p = encoder.pyramid();
+  size_t minDepth = SIZE_MAX;
+  for (Unit const& u : missing) {
+    if (u.depth > 0) minDepth = std::min(minDepth, u.depth);
+  }
   std::vector<DepthTiles> tiles;
+  std::vector<unsigned char> pixels;
+  size_t const t0 = p.tile();
+  size_t const blockW = std::min(t0, p.width(first.anchor) - first.bx * t0);
+  size_t const blockH = std::min(t0, p.height(first.anchor) - first.by * t0);
   std::exception_ptr failure;
   try {
-    tiles = encoder.encodeBlock(first.anchor, first.bx, first.by, minDepth);
+    if (first.depth == 0) {
+      pixels.resize(blockW * blockH * 4);
+      encoder.source().read(first.anchor, {first.bx * t0, first.by * t0, blockW, blockH},
+                            pixels.data());
+      // Opaque, as the transform's colour channels render it.
+      for (size_t i = 3; i < pixels.size(); i += 4) pixels[i] = 255;
+    }
+    if (minDepth != SIZE_MAX)
+      tiles = encoder.encodeBlock(first.anchor, first.bx, first.by, minDepth);
   } catch (...) {
     failure = std::current_exception();
   }
   std::lock_guard<std::mutex> lock(storeMutex);
-  ++blocksEncoded;
+  if (minDepth != SIZE_MAX) ++blocksEncoded;
   for (Unit const& u : missing) {
     auto& state = states[u.firstTile];
     state.encoding = false;
     if (failure) {
       if (!state.uploaded && state.refs == 0) states.erase(u.firstTile);
+      continue;
+    }
+    if (u.depth == 0) {
+      instance->setTile(u.firstTile, pixels, {blockW, blockH, 4}, 0);
+      instance->lockTile(u.firstTile);
+      state.refs = 1;
+      state.uploaded = true;
+      ++misses;
+      lease.units.push_back(u);
       continue;
     }
     DepthTiles const& d = tiles.at(u.depth - minDepth);

@@ -48,7 +48,8 @@ struct Engine::Impl {
   std::vector<ConvertTarget> convertTargets;
 
   // ---- tile store ---------------------------------------------------------------------
-  /// The tiles of one depth of one block: bands x channels consecutive tile ids.
+  /// The tiles of one depth of one block: bands x channels consecutive tile ids; depth 0
+  /// is the block's RGBA8 pixel tile at a native anchor.
   struct Unit {
     size_t anchor = 0, depth = 0, bx = 0, by = 0;
     size_t firstTile = 0, tiles = 0;

@@ -81,6 +81,10 @@ Pyramid::Pyramid(size_t width, size_t height, std::vector<size_t> const& nativeL
       next += count;
     }
   }
+  for (size_t i = 0; i < anchors_.size(); ++i) {
+    pixelBase_.push_back(next);
+    if (native_[i]) next += blocksX(anchors_[i]) * blocksY(anchors_[i]);
+  }
   idCount_ = next;
 }
 
@@ -144,6 +148,13 @@ size_t Pyramid::tileId(size_t anchor, size_t depth, size_t bx, size_t by, Band b
   // Detail-only depths number their bands from kHighLow.
   size_t const b = static_cast<size_t>(band) - (bands == 3 ? 1 : 0);
   return base + ((by * blocksX(anchor) + bx) * bands + b) * 3 + channel;
+}
+
+size_t Pyramid::pixelTileId(size_t anchor, size_t bx, size_t by) const {
+  size_t const i = anchorIndex(anchors_, anchor);
+  if (!native_[i])
+    throw std::invalid_argument("anchor " + std::to_string(anchor) + " is not native");
+  return pixelBase_[i] + by * blocksX(anchor) + bx;
 }
 
 }  // namespace quorvel::zoom

@@ -113,6 +113,24 @@ struct Renderer::Job {
   Impl::Lease lease;
 };
 
+// The 8-bit display steps of one output tile alternate between two targets; the last one
+// writes the output target (the mask clears it first and writes only what its rectangles
+// keep). The first step is the one that makes 8-bit pixels.
+struct Renderer::DisplaySteps {
+  DisplaySteps(Impl::Workspace& workspace, Display const& d)
+      : ws(workspace),
+        remaining(1 + (d.gamma && d.gammaMode != Display::GammaMode::kLinear) +
+                  d.matrix.has_value() + d.sharpen.has_value() + d.mask.has_value()) {}
+  /// The target the next step writes.
+  size_t next() {
+    current = --remaining == 0 ? ws.out : (current == ws.rgbaA ? ws.rgbaB : ws.rgbaA);
+    return current;
+  }
+  Impl::Workspace& ws;
+  size_t remaining;
+  size_t current = SIZE_MAX;  // the target the last step wrote
+};
+
 Renderer::Renderer(std::shared_ptr<Engine> engine, std::shared_ptr<ImageSource const> source,
                    RendererOptions const& options)
     : engine_(std::move(engine)),
@@ -223,6 +241,33 @@ void Renderer::render(size_t level, Rect const& rect, Display const& display, ui
   delivered_ += rect.width * rect.height;
 }
 
+void Renderer::renderPixels(size_t level, Rect const& r, Display const& display, Job& job) const {
+  Impl& impl = engine_->impl();
+  RenderBackendInstance& inst = *impl.instance;
+  size_t const t = pyramid_.tile(), nx = width(level), ny = height(level);
+  size_t const bx0 = r.x / t, bx1 = (r.right() - 1) / t, by0 = r.y / t, by1 = (r.bottom() - 1) / t;
+  std::vector<Impl::Unit> units;
+  for (size_t by = by0; by <= by1; ++by) {
+    for (size_t bx = bx0; bx <= bx1; ++bx) {
+      Impl::Unit u;
+      u.anchor = level, u.depth = 0, u.bx = bx, u.by = by;
+      units.push_back(u);
+    }
+  }
+  impl.acquire(*encoder_, tileBase_, units, job.lease);
+  job.workspace = impl.takeWorkspace(std::max(r.width, r.height) + 4, options_.outputTile);
+  DisplaySteps steps(*job.workspace, display);
+  size_t const to = steps.next();
+  for (Impl::Unit const& u : units) {
+    // The block lands at its place relative to the output; what lies outside it is clipped.
+    size_t const x = u.bx * t, y = u.by * t;
+    inst.drawTiles(to, impl.blit8, {r.x, r.width, r.y, r.height}, {0, r.width, 0, r.height},
+                   {std::min(t, nx - x), std::min(t, ny - y)}, {{0, 0}},
+                   {tileBase_ + pyramid_.pixelTileId(level, u.bx, u.by)}, {x, y});
+  }
+  finishDisplay(level, r, r, display, steps);
+}
+
 void Renderer::renderTile(size_t level, Rect const& r, Display const& display, Job& job) const {
   Impl& impl = engine_->impl();
   RenderBackendInstance& inst = *impl.instance;
@@ -236,6 +281,12 @@ void Renderer::renderTile(size_t level, Rect const& r, Display const& display, J
   Rect const e = equalise ? claheRegion(s, int64_t(nx), int64_t(ny)) : s;
 
   size_t const anchor = pyramid_.anchorOf(level), top = pyramid_.depthOf(anchor);
+  bool const linear = display.gamma && display.gammaMode == Display::GammaMode::kLinear;
+  if (options_.pixelTiles && level == anchor && pyramid_.isNative(anchor) && !display.sharpen &&
+      !display.clahe && !linear) {
+    renderPixels(level, r, display, job);
+    return;
+  }
   size_t const first = level - anchor + 1;  // the finest depth the inverse runs
   std::vector<int64_t> wx(top + 1), hy(top + 1);
   for (size_t d = 0; d <= top; ++d) {
@@ -364,20 +415,7 @@ void Renderer::renderTile(size_t level, Rect const& r, Display const& display, J
     inst.eraseTarget(claheSource);  // released once the queued CLAHE job has run
   }
 
-  // 8-bit steps over `s`, alternating between two targets; the last one writes the output
-  // target (the mask clears it first and writes only what its rectangles keep).
-  bool const linear = display.gamma && display.gammaMode == Display::GammaMode::kLinear;
-  bool const srgb = display.gamma && !linear;
-  size_t remaining = 1 + srgb + display.matrix.has_value() + display.sharpen.has_value() +
-                     display.mask.has_value();
-  size_t current = SIZE_MAX;
-  auto step = [&](Filter const& f, std::vector<FilterSource> const& sources, size_t w, size_t h,
-                  SingleFilterParameters const& params, size_t ox, size_t oy) {
-    size_t const destination =
-        --remaining == 0 ? ws.out : (current == ws.rgbaA ? ws.rgbaB : ws.rgbaA);
-    inst.executeFilter(f, sources, w, h, destination, 0, 0, 0, 0, params, {ox, oy});
-    current = destination;
-  };
+  DisplaySteps steps(ws, display);
   int64_t const sx0 = int64_t(s.x - e.x), sy0 = int64_t(s.y - e.y);
   if (linear) {
     ws.linearGammaParams.gamma = display.gammaValue;
@@ -385,10 +423,29 @@ void Renderer::renderTile(size_t level, Rect const& r, Display const& display, J
     ws.linearGammaParams.whitePoint = display.white;
     inst.executeFilter(impl.toRgb16, {at(y48, sx0, sy0)}, s.width, s.height, ws.rgb16, 0, 0, 0, 0,
                        none, {0, 0});
-    step(impl.linearGamma, {at(ws.rgb16, 0, 0)}, s.width, s.height, ws.linearGammaParams, 0, 0);
+    size_t const to = steps.next();
+    inst.executeFilter(impl.linearGamma, {at(ws.rgb16, 0, 0)}, s.width, s.height, to, 0, 0, 0, 0,
+                       ws.linearGammaParams, {0, 0});
   } else {
-    step(impl.toRgba, {at(y48, sx0, sy0)}, s.width, s.height, none, 0, 0);
+    inst.executeFilter(impl.toRgba, {at(y48, sx0, sy0)}, s.width, s.height, steps.next(), 0, 0, 0,
+                       0, none, {0, 0});
   }
+  finishDisplay(level, r, s, display, steps);
+}
+
+void Renderer::finishDisplay(size_t level, Rect const& r, Rect const& s, Display const& display,
+                             DisplaySteps& steps) const {
+  Impl& impl = engine_->impl();
+  RenderBackendInstance& inst = *impl.instance;
+  auto const& none = FilterEmptyParams::instance();
+  Impl::Workspace& ws = steps.ws;
+  size_t& current = steps.current;
+  auto step = [&](Filter const& f, std::vector<FilterSource> const& sources, size_t w, size_t h,
+                  SingleFilterParameters const& params, size_t ox, size_t oy) {
+    size_t const destination = steps.next();
+    inst.executeFilter(f, sources, w, h, destination, 0, 0, 0, 0, params, {ox, oy});
+  };
+  bool const srgb = display.gamma && display.gammaMode != Display::GammaMode::kLinear;
   if (srgb) {
     ws.srgbGammaParams.gamma = display.gammaValue;
     ws.srgbGammaParams.blackPoint = display.black;

@@ -181,10 +181,11 @@ class VipsSource final : public ImageSource {
       ImagePtr rgba =
           toRgba8(std::move(image), levelExtent(width_, level), levelExtent(height_, level));
       if (!rgba) fail(vips::takeError());
-      // The encoder reads each block with the margins of the whole-image transform, which
-      // reach a few pixels into every neighbouring tile of the file: without a cache of
-      // decoded tiles, one block of a tiled file costs nine tile decodes instead of about
-      // one and a half when a viewer asks for a region. Files decoded whole need none.
+      // Where the transform is needed (levels made from the level below, sharpening, CLAHE)
+      // the encoder reads each block with margins that reach a few pixels into every
+      // neighbouring tile of the file: without a cache of decoded tiles, one block of a
+      // tiled file costs nine tile decodes instead of about one and a half when a viewer
+      // asks for a region. Files decoded whole need none.
       if (format != Format::kOther &&
           !apply(rgba, vips_tilecache, "tile_width", kCacheTile, "tile_height", kCacheTile,
                  "max_tiles", kCacheTiles, "access", VIPS_ACCESS_RANDOM, "threaded", TRUE)) {

@@ -173,6 +173,45 @@ TEST(Renderer, NativeLevelsStartTransformsOfTheirOwn) {
   EXPECT_EQ(firstDifference(whole(r, 4), expected, rw), "");
 }
 
+// Pointwise displays of a source's own levels are drawn from its pixels, skipping the
+// transform; they must give what the transform gives, translucent pixels included (the
+// transform keeps colour only), and in pieces cut anywhere.
+TEST(Renderer, PixelTilesGiveWhatTheTransformGives) {
+  auto engine = makeEngine();
+  auto source = std::make_shared<FakePyramid>(301, 222, std::vector<size_t>{0, 2, 3});
+  std::vector<uint8_t> translucent = busyImage(150, 97, 5);
+  for (size_t i = 3; i < translucent.size(); i += 4) translucent[i] = uint8_t(i * 7);
+  std::mt19937 rng(5);
+  for (auto const& image : std::vector<std::shared_ptr<ImageSource const>>{
+           source, std::make_shared<MemorySource>(150, 97, translucent)}) {
+    Renderer direct(engine, image, {64, 3, 96});
+    RendererOptions viaTransform{64, 3, 96};
+    viaTransform.pixelTiles = false;
+    Renderer reference(engine, image, viaTransform);
+    // Plain, gamma, matrix, mask, all three; then sharpening, which takes the transform in
+    // both, beside them.
+    for (unsigned bits : {0u, 4u, 8u, 16u, 28u, 29u}) {
+      Display const d = combination(bits);
+      for (size_t level : {0, 3, 4}) {
+        if (level >= direct.levels()) continue;
+        auto const expected = whole(reference, level, d);
+        EXPECT_EQ(firstDifference(whole(direct, level, d), expected, direct.width(level)), "")
+            << image->description() << " filters " << bits << " level " << level;
+        EXPECT_EQ(
+            firstDifference(renderInPieces(direct, level, d, rng), expected, direct.width(level)),
+            "")
+            << image->description() << " filters " << bits << " level " << level << " in pieces";
+      }
+    }
+  }
+  // Level 0 of a fresh image with no filters encodes nothing.
+  auto fresh = makeEngine();
+  Renderer r(fresh, busySource(300, 200, 3), {64, 3, 128});
+  whole(r, 0);
+  EXPECT_EQ(fresh->stats().blocksEncoded, 0u);
+  EXPECT_GT(fresh->stats().tileMisses, 0u);
+}
+
 TEST(Renderer, RefusesRequestsOutsideTheImage) {
   auto engine = makeEngine();
   Renderer r(engine, busySource(100, 80, 1), {64, 3, 64});

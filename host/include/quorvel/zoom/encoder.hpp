@@ -64,6 +64,7 @@ class WaveletEncoder {
   YCoCgPlanes base(size_t anchor, Rect const& rect) const;
 
   Pyramid const& pyramid() const { return pyramid_; }
+  ImageSource const& source() const { return *source_; }
 
  private:
   struct BaseCache;

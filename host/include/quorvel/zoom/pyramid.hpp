@@ -77,6 +77,10 @@ class Pyramid {
 
   /// A tile id unique within this pyramid (below tileIdCount()).
   size_t tileId(size_t anchor, size_t depth, size_t bx, size_t by, Band band, size_t channel) const;
+  /// The id of block (bx, by)'s RGBA8 tile at native anchor `anchor`: the source's own
+  /// pixels, drawn without the transform where nothing needs the neighbours' pixels.
+  size_t pixelTileId(size_t anchor, size_t bx, size_t by) const;
+  /// Ids are below this: coefficient tiles first, then pixel tiles.
   size_t tileIdCount() const { return idCount_; }
 
  private:
@@ -85,6 +89,7 @@ class Pyramid {
   std::vector<bool> native_;
   std::vector<size_t> idBase_;      // first tile id of each depth of each anchor
   std::vector<size_t> firstDepth_;  // index into idBase_ of each anchor's depth 1
+  std::vector<size_t> pixelBase_;   // first pixel tile id of each anchor (native ones only)
   size_t idCount_ = 0;
 };
 

@@ -68,6 +68,12 @@ struct RendererOptions {
   size_t levels = 3;
   /// Largest output tile one batch renders; larger rectangles are cut into such tiles.
   size_t outputTile = 256;
+  /// Draw the source's own levels from its pixels where the display is pointwise (no
+  /// sharpening, CLAHE or linear-light gamma): the transform of such a level gives back
+  /// exactly those pixels, and reading one block of the file, instead of a block with the
+  /// margins the inverse reaches into its eight neighbours, is most of the cost of a tile
+  /// rendered cold. Off, every level goes through the transform (tests compare the two).
+  bool pixelTiles = true;
 };
 
 /// Pixels reconstructed and delivered by one renderer (for the margin cost).
@@ -109,7 +115,13 @@ class Renderer {
 
  private:
   struct Job;
+  struct DisplaySteps;
   void renderTile(size_t level, Rect const& rect, Display const& display, Job& job) const;
+  // A tile of a native level with a pointwise display, from the pixel tiles of its blocks.
+  void renderPixels(size_t level, Rect const& rect, Display const& display, Job& job) const;
+  // The 8-bit display steps after the first, over `s` (the output `r` and its margins).
+  void finishDisplay(size_t level, Rect const& r, Rect const& s, Display const& display,
+                     DisplaySteps& steps) const;
 
   std::shared_ptr<Engine> engine_;
   std::shared_ptr<ImageSource const> source_;
