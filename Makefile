@@ -64,7 +64,7 @@ serve: build
 demo: deps
 	cmake -S . -B build $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=Release
 	cmake --build build -j $(JOBS) --target quorvel-render
-	./build/tools/render/quorvel-render -o out/render.png --compare out/compare.png
+	./build/tools/render/quorvel-render --through-transform -o out/render.png --compare out/compare.png
 
 # The library and host rows, then the serving section: quorvel-serve beside iipsrv under wrk.
 bench: deps-bench

@@ -208,7 +208,8 @@ TEST_F(Cli, EveryInputRoundTripsBitForBit) {
         Case{"tiled.tif", &tiled, "--tile 16", "f.png"},
         Case{"grey.png", &grey, "--tile 16", "g.png"},
         Case{"photo.jpg", &photo, "--tile 16", "h.png"}}) {
-    Result const r = run(path(input) + " -q " + options + " -o " + path(output));
+    Result const r =
+        run(path(input) + " -q --through-transform " + options + " -o " + path(output));
     ASSERT_EQ(r.status, 0) << input << " " << options << "\n" << r.err;
     EXPECT_NE(r.out.find("lossless: yes\n"), std::string::npos) << input << "\n" << r.out;
     EXPECT_TRUE(sameColours(readImage(path(output)), *expected)) << input << " " << options;
