@@ -69,7 +69,7 @@ demo: deps
 # The library and host rows, then the serving section: quorvel-serve beside iipsrv under wrk.
 bench: deps-bench
 	cmake -S . -B build-bench $(GEN) $(LAUNCHER) -DCMAKE_BUILD_TYPE=Release -DQUORVEL_BENCH=ON \
-	  -DQUORVEL_PYTHON=OFF -DQUORVEL_TESTS=OFF
+	  -DQUORVEL_PYTHON=OFF -DQUORVEL_TESTS=OFF -DQUORVEL_TOOLS=ON
 	cmake --build build-bench -j $(JOBS) --target quorvel_bench quorvel-serve
 	./build-bench/bench/quorvel_bench --filter='$(BENCH_FILTER)'
 	bench/serve/serve-bench --server build-bench/tools/serve/quorvel-serve \
