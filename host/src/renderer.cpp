@@ -241,31 +241,34 @@ void Renderer::render(size_t level, Rect const& rect, Display const& display, ui
   delivered_ += rect.width * rect.height;
 }
 
-void Renderer::renderPixels(size_t level, Rect const& r, Display const& display, Job& job) const {
+void Renderer::acquirePixels(size_t level, Rect const& area, Job& job) const {
   Impl& impl = engine_->impl();
-  RenderBackendInstance& inst = *impl.instance;
-  size_t const t = pyramid_.tile(), nx = width(level), ny = height(level);
-  size_t const bx0 = r.x / t, bx1 = (r.right() - 1) / t, by0 = r.y / t, by1 = (r.bottom() - 1) / t;
+  size_t const t = pyramid_.tile();
   std::vector<Impl::Unit> units;
-  for (size_t by = by0; by <= by1; ++by) {
-    for (size_t bx = bx0; bx <= bx1; ++bx) {
+  for (size_t by = area.y / t; by * t < area.bottom(); ++by) {
+    for (size_t bx = area.x / t; bx * t < area.right(); ++bx) {
       Impl::Unit u;
       u.anchor = level, u.depth = 0, u.bx = bx, u.by = by;
       units.push_back(u);
     }
   }
   impl.acquire(*encoder_, tileBase_, units, job.lease);
-  job.workspace = impl.takeWorkspace(std::max(r.width, r.height) + 4, options_.outputTile);
-  DisplaySteps steps(*job.workspace, display);
-  size_t const to = steps.next();
-  for (Impl::Unit const& u : units) {
-    // The block lands at its place relative to the output; what lies outside it is clipped.
-    size_t const x = u.bx * t, y = u.by * t;
-    inst.drawTiles(to, impl.blit8, {r.x, r.width, r.y, r.height}, {0, r.width, 0, r.height},
-                   {std::min(t, nx - x), std::min(t, ny - y)}, {{0, 0}},
-                   {tileBase_ + pyramid_.pixelTileId(level, u.bx, u.by)}, {x, y});
+  job.workspace = impl.takeWorkspace(std::max(area.width, area.height) + 4, options_.outputTile);
+}
+
+void Renderer::drawPixels(size_t target, size_t level, Rect const& area) const {
+  Impl& impl = engine_->impl();
+  size_t const t = pyramid_.tile(), nx = width(level), ny = height(level);
+  for (size_t by = area.y / t; by * t < area.bottom(); ++by) {
+    for (size_t bx = area.x / t; bx * t < area.right(); ++bx) {
+      // The block lands at its place relative to the area; what lies outside it is clipped.
+      size_t const x = bx * t, y = by * t;
+      impl.instance->drawTiles(target, impl.blit8, {area.x, area.width, area.y, area.height},
+                               {0, area.width, 0, area.height},
+                               {std::min(t, nx - x), std::min(t, ny - y)}, {{0, 0}},
+                               {tileBase_ + pyramid_.pixelTileId(level, bx, by)}, {x, y});
+    }
   }
-  finishDisplay(level, r, r, display, steps);
 }
 
 void Renderer::renderTile(size_t level, Rect const& r, Display const& display, Job& job) const {
@@ -280,13 +283,71 @@ void Renderer::renderTile(size_t level, Rect const& r, Display const& display, J
   bool const equalise = display.clahe && nx > size_t(kCell) && ny > size_t(kCell);
   Rect const e = equalise ? claheRegion(s, int64_t(nx), int64_t(ny)) : s;
 
-  size_t const anchor = pyramid_.anchorOf(level), top = pyramid_.depthOf(anchor);
+  size_t const anchor = pyramid_.anchorOf(level);
   bool const linear = display.gamma && display.gammaMode == Display::GammaMode::kLinear;
-  if (options_.pixelTiles && level == anchor && pyramid_.isNative(anchor) && !display.sharpen &&
-      !display.clahe && !linear) {
-    renderPixels(level, r, display, job);
+  // A level the source reads itself is drawn from its pixels (see RendererOptions).
+  bool const fromPixels = options_.pixelTiles && level == anchor && pyramid_.isNative(anchor);
+  if (fromPixels && !equalise && !linear) {
+    // Straight to the 8-bit steps: the first one draws the pixels over `s`.
+    acquirePixels(level, s, job);
+    DisplaySteps steps(*job.workspace, display);
+    drawPixels(steps.next(), level, s);
+    finishDisplay(level, r, s, display, steps);
     return;
   }
+  // YCoCg over `e` (its chroma needed over `s` only), equalised where asked: CLAHE works on
+  // the whole of its source buffer, so its source is a target of exactly the region's size.
+  std::array<size_t, 3> planes{};
+  if (fromPixels) {
+    acquirePixels(level, e, job);
+  } else {
+    planes = reconstruct(level, s, e, job);
+  }
+  Impl::Workspace& ws = *job.workspace;
+  size_t const y48 = ws.ycocg;
+  size_t const claheSource = equalise ? inst.createTarget({e.width, e.height}, 48, true,
+                                                          Filtering::kNone, Format::kYCoCg16)
+                                      : y48;
+  if (fromPixels) {
+    drawPixels(ws.rgbaA, level, e);
+    inst.executeFilter(impl.toYCoCg, {at(ws.rgbaA, 0, 0)}, e.width, e.height, claheSource, 0, 0, 0,
+                       0, none, {0, 0});
+  } else {
+    inst.executeFilter(impl.interleave,
+                       {at(planes[0], 0, 0), at(planes[1], 0, 0), at(planes[2], 0, 0)}, e.width,
+                       e.height, claheSource, 0, 0, 0, 0, none, {0, 0});
+  }
+  if (equalise) {
+    ws.claheParams.clipLimit = *display.clahe;
+    inst.executeFilter(impl.clahe, {at(claheSource, 0, 0)}, e.width, e.height, y48, 0, 0, 0, 0,
+                       ws.claheParams, {0, 0});
+    inst.eraseTarget(claheSource);  // released once the queued CLAHE job has run
+  }
+
+  DisplaySteps steps(ws, display);
+  int64_t const sx0 = int64_t(s.x - e.x), sy0 = int64_t(s.y - e.y);
+  if (linear) {
+    ws.linearGammaParams.gamma = display.gammaValue;
+    ws.linearGammaParams.blackPoint = display.black;
+    ws.linearGammaParams.whitePoint = display.white;
+    inst.executeFilter(impl.toRgb16, {at(y48, sx0, sy0)}, s.width, s.height, ws.rgb16, 0, 0, 0, 0,
+                       none, {0, 0});
+    size_t const to = steps.next();
+    inst.executeFilter(impl.linearGamma, {at(ws.rgb16, 0, 0)}, s.width, s.height, to, 0, 0, 0, 0,
+                       ws.linearGammaParams, {0, 0});
+  } else {
+    inst.executeFilter(impl.toRgba, {at(y48, sx0, sy0)}, s.width, s.height, steps.next(), 0, 0, 0,
+                       0, none, {0, 0});
+  }
+  finishDisplay(level, r, s, display, steps);
+}
+
+std::array<size_t, 3> Renderer::reconstruct(size_t level, Rect const& s, Rect const& e,
+                                            Job& job) const {
+  Impl& impl = engine_->impl();
+  RenderBackendInstance& inst = *impl.instance;
+  auto const& none = FilterEmptyParams::instance();
+  size_t const anchor = pyramid_.anchorOf(level), top = pyramid_.depthOf(anchor);
   size_t const first = level - anchor + 1;  // the finest depth the inverse runs
   std::vector<int64_t> wx(top + 1), hy(top + 1);
   for (size_t d = 0; d <= top; ++d) {
@@ -389,9 +450,6 @@ void Renderer::renderTile(size_t level, Rect const& r, Display const& display, J
   samples_ += samples;
   reconstructed3_ += e.width * e.height + 2 * s.width * s.height;
 
-  // YCoCg, equalised where asked: CLAHE works on the whole of its source buffer, so its
-  // source is a target of exactly the region's size.
-  size_t const y48 = ws.ycocg;
   std::array<size_t, 3> planes = ws.ll;
   if (e != s) {
     // The chroma planes move to where `s` lies in the region; the rest of them is never read
@@ -402,35 +460,7 @@ void Renderer::renderTile(size_t level, Rect const& r, Display const& display, J
                          0, none, {s.x - e.x, s.y - e.y});
     }
   }
-  size_t const claheSource = equalise ? inst.createTarget({e.width, e.height}, 48, true,
-                                                          Filtering::kNone, Format::kYCoCg16)
-                                      : y48;
-  inst.executeFilter(impl.interleave,
-                     {at(planes[0], 0, 0), at(planes[1], 0, 0), at(planes[2], 0, 0)}, e.width,
-                     e.height, claheSource, 0, 0, 0, 0, none, {0, 0});
-  if (equalise) {
-    ws.claheParams.clipLimit = *display.clahe;
-    inst.executeFilter(impl.clahe, {at(claheSource, 0, 0)}, e.width, e.height, y48, 0, 0, 0, 0,
-                       ws.claheParams, {0, 0});
-    inst.eraseTarget(claheSource);  // released once the queued CLAHE job has run
-  }
-
-  DisplaySteps steps(ws, display);
-  int64_t const sx0 = int64_t(s.x - e.x), sy0 = int64_t(s.y - e.y);
-  if (linear) {
-    ws.linearGammaParams.gamma = display.gammaValue;
-    ws.linearGammaParams.blackPoint = display.black;
-    ws.linearGammaParams.whitePoint = display.white;
-    inst.executeFilter(impl.toRgb16, {at(y48, sx0, sy0)}, s.width, s.height, ws.rgb16, 0, 0, 0, 0,
-                       none, {0, 0});
-    size_t const to = steps.next();
-    inst.executeFilter(impl.linearGamma, {at(ws.rgb16, 0, 0)}, s.width, s.height, to, 0, 0, 0, 0,
-                       ws.linearGammaParams, {0, 0});
-  } else {
-    inst.executeFilter(impl.toRgba, {at(y48, sx0, sy0)}, s.width, s.height, steps.next(), 0, 0, 0,
-                       0, none, {0, 0});
-  }
-  finishDisplay(level, r, s, display, steps);
+  return planes;
 }
 
 void Renderer::finishDisplay(size_t level, Rect const& r, Rect const& s, Display const& display,

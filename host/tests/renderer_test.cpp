@@ -177,9 +177,9 @@ TEST(Renderer, NativeLevelsStartTransformsOfTheirOwn) {
   EXPECT_EQ(firstDifference(whole(r, 4), expected, rw), "");
 }
 
-// Pointwise displays of a source's own levels are drawn from its pixels, skipping the
-// transform; they must give what the transform gives, translucent pixels included (the
-// transform keeps colour only), and in pieces cut anywhere.
+// A source's own levels are drawn from its pixels, skipping the transform; they must give
+// what the transform gives with every display, translucent pixels included (the transform
+// keeps colour only), and in pieces cut anywhere.
 TEST(Renderer, PixelTilesGiveWhatTheTransformGives) {
   auto engine = makeEngine();
   auto source = std::make_shared<FakePyramid>(301, 222, std::vector<size_t>{0, 2, 3});
@@ -192,9 +192,8 @@ TEST(Renderer, PixelTilesGiveWhatTheTransformGives) {
     RendererOptions viaTransform{64, 3, 96};
     viaTransform.pixelTiles = false;
     Renderer reference(engine, image, viaTransform);
-    // Plain, gamma, matrix, mask, all three; then sharpening, which takes the transform in
-    // both, beside them.
-    for (unsigned bits : {0u, 4u, 8u, 16u, 28u, 29u}) {
+    // Every filter alone, the pointwise ones together, then with the neighbourhood ones.
+    for (unsigned bits : {0u, 1u, 2u, 4u, 8u, 16u, 32u, 28u, 31u, 35u}) {
       Display const d = combination(bits);
       for (size_t level : {0, 3, 4}) {
         if (level >= direct.levels()) continue;
@@ -269,7 +268,9 @@ TEST(Renderer, AHugeSlideStaysWithinTheCacheAndAStatedBound) {
 
 TEST(Renderer, MarginsCostLittleForLargeOutputTiles) {
   auto engine = makeEngine();
-  Renderer r(engine, busySource(1024, 768, 4), {256, 3, 256});
+  RendererOptions options{256, 3, 256};
+  options.pixelTiles = false;  // what the transform reconstructs around each output tile
+  Renderer r(engine, busySource(1024, 768, 4), options);
   for (size_t y = 0; y < 768; y += 256) {
     for (size_t x = 0; x < 1024; x += 256) r.render(0, {x, y, 256, 256}, combination(1 | 2));
   }

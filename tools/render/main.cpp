@@ -301,10 +301,15 @@ int run(int argc, char** argv) {
     std::printf("  open          %7.3f s\n", openSeconds);
     std::printf("  render        %7.3f s  %.0f tiles/s  %.1f Mpixel/s\n", renderSeconds,
                 tiles / renderSeconds, pixels / 1e6 / renderSeconds);
-    std::printf("  encoded       %zu blocks (%zu tile groups)\n", stats.blocksEncoded,
-                stats.tileMisses);
-    std::printf("  margins       %.3f pixels reconstructed per pixel delivered\n",
-                double(counters.reconstructed) / double(counters.delivered));
+    if (counters.reconstructed == 0) {
+      std::printf("  encoded       none: drawn from the input's own pixels (%zu tiles read)\n",
+                  stats.tileMisses);
+    } else {
+      std::printf("  encoded       %zu blocks (%zu tile groups)\n", stats.blocksEncoded,
+                  stats.tileMisses);
+      std::printf("  margins       %.3f pixels reconstructed per pixel delivered\n",
+                  double(counters.reconstructed) / double(counters.delivered));
+    }
     std::printf("  write         %7.3f s\n", writeSeconds);
     std::printf("  peak memory   %zu MiB\n", peakMemoryMiB());
 

@@ -11,6 +11,7 @@
 // Thread safety: Engine and Renderer are thread-safe; any number of threads may render at
 // once, each call building its own batches (the backend keeps one batch per host thread).
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -117,8 +118,13 @@ class Renderer {
   struct Job;
   struct DisplaySteps;
   void renderTile(size_t level, Rect const& rect, Display const& display, Job& job) const;
-  // A tile of a native level with a pointwise display, from the pixel tiles of its blocks.
-  void renderPixels(size_t level, Rect const& rect, Display const& display, Job& job) const;
+  // The pixel tiles of the blocks under `area` of a native level, resident and locked in
+  // `job`, with a workspace for an area of that size; then drawn into `target`.
+  void acquirePixels(size_t level, Rect const& area, Job& job) const;
+  void drawPixels(size_t target, size_t level, Rect const& area) const;
+  // The inverse transform over `e` (luma) and `s` (chroma) into `job`'s new workspace;
+  // returns the targets of the three planes, each with `e`'s origin.
+  std::array<size_t, 3> reconstruct(size_t level, Rect const& s, Rect const& e, Job& job) const;
   // The 8-bit display steps after the first, over `s` (the output `r` and its margins).
   void finishDisplay(size_t level, Rect const& r, Rect const& s, Display const& display,
                      DisplaySteps& steps) const;
