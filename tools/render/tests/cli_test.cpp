@@ -96,8 +96,8 @@ TEST_F(Cli, NeighbourhoodFiltersDoNotDependOnTheTilingAndRegionsCrop) {
   ASSERT_EQ(r.status, 0) << r.err;
   for (char const* line :
        {"summary\n", "  output        0.0 Mpixel in 1 tiles", "  open ", "  render ", " tiles/s ",
-        " Mpixel/s\n", "  encoded ", "  margins ", "  write ", "  peak memory ",
-        "lossless: not checked (display filters change the pixels)\n"}) {
+        " Mpixel/s\n", "  encoded       none: drawn from the input's own pixels", "  write ",
+        "  peak memory ", "lossless: not checked (display filters change the pixels)\n"}) {
     EXPECT_NE(r.out.find(line), std::string::npos) << line << " in\n" << r.out;
   }
   Image const crop = readImage(path("crop.png")), whole = readImage(path("l0t256.png"));
