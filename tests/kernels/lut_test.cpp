@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <functional>
+#include <numeric>
 #include <random>
 #include <string>
 #include <typeinfo>
@@ -334,8 +335,12 @@ TEST(LutRows, VectorFormsEqualScalarOnEveryTarget) {
     for (auto& b : *v) b = static_cast<uint8_t>(rng());
   }
   for (auto& v : rgb) v = static_cast<int16_t>(rng());
+  // Every tail length up to two vectors of 32 pixels and one more, then longer rows.
+  std::vector<size_t> widths(67);
+  std::iota(widths.begin(), widths.end(), size_t{0});
+  widths.insert(widths.end(), {129, 300});
   testing::forEachSimdTarget([&] {
-    for (size_t width : {0, 1, 7, 15, 16, 17, 31, 33, 64, 65, 129, 300}) {
+    for (size_t width : widths) {
       std::vector<uint8_t> want(4 * width + 8, 0xEE), got(4 * width + 8, 0xEE);
       lut_detail::applyLutRgba8Scalar(table.data(), rgba.data(), want.data(), width);
       lut_detail::applyLutRgba8(table.data(), rgba.data(), got.data(), width);

@@ -137,12 +137,13 @@ void checkPerfectReconstruction(bool vertical, int w, int h, int first) {
 }
 
 // Every length from an even origin, and from an odd negative one (the first sample falls
-// before the target).
+// before the target). Across the filtered axis, every tail length of 16 and 32 lanes.
 TEST(WaveletV, ReconstructsSignalsOfEveryLength) {
   testing::forEachSimdTarget([] {
     for (int n : {2, 3, 4, 5, 8, 9, 16, 17, 31, 32, 33, 40, 67}) {
       for (int w : {1, 7, 8, 9, 16, 17, 33, 67}) checkPerfectReconstruction(true, w, n, 0);
     }
+    for (int w = 1; w <= 65; ++w) checkPerfectReconstruction(true, w, 5, 0);
     for (int n : {2, 3, 6, 7, 40, 67}) {
       for (int w : {5, 16, 40}) checkPerfectReconstruction(true, w, n, 1);
     }
@@ -150,8 +151,9 @@ TEST(WaveletV, ReconstructsSignalsOfEveryLength) {
 }
 
 TEST(WaveletH, ReconstructsSignalsOfEveryLength) {
+  // Up to 34 pairs a row: every tail length of 16 lanes.
   testing::forEachSimdTarget([] {
-    for (int n = 2; n <= 40; ++n) {
+    for (int n = 2; n <= 68; ++n) {
       for (int h : {1, 3}) checkPerfectReconstruction(false, n, h, 0);
       checkPerfectReconstruction(false, n, 2, 1);
     }

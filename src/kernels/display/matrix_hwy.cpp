@@ -1,6 +1,6 @@
 // Row kernels of the 3x3 matrix filters, compiled once per SIMD target and chosen at run
-// time. Every vector loop is followed by the scalar form for the remaining pixels, and the
-// vector forms give exactly the scalar results.
+// time. Each is one per-vector step walked over the row, the tail included
+// (lane_ops-inl.h), and gives exactly the results of the scalar form.
 //
 // Why the per-product rounding reduces to a multiply: with X = x * 1024 the product
 // m' * X has ten zero low bits, so adding 512 and shifting right by 10 returns m' * x when
@@ -16,9 +16,13 @@
 #include <hwy/foreach_target.h>  // IWYU pragma: keep
 #include <hwy/highway.h>
 
+#include <algorithm>
+#include <array>
 #include <cstdlib>
+#include <type_traits>
 
 #include "quorvel/kernels/display/matrix.hpp"
+#include "simd/lane_ops-inl.h"
 
 #ifndef QUORVEL_MATRIX_HWY_SHARED
 #define QUORVEL_MATRIX_HWY_SHARED
@@ -36,55 +40,6 @@ inline bool productsMayWrap(int32_t const* m, int64_t maxSample) {
   }
   return false;
 }
-
-/// One 32-lane word permute index, aligned for a vector load.
-struct WordIndex {
-  alignas(64) uint16_t words[32];
-};
-
-// Channel c of 32 pixels of 3 x int16 held in three vectors: lane p takes sample 3p + c.
-// Samples below 64 come from a two-table permute of the first two vectors (index 3p + c);
-// the others from a masked permute of the third (index 3p + c - 64, the same low 5 bits).
-constexpr WordIndex deinterleave3Index(int c) {
-  WordIndex r{};
-  for (int p = 0; p < 32; ++p) r.words[p] = static_cast<uint16_t>((3 * p + c) % 64);
-  return r;
-}
-constexpr uint32_t deinterleave3ThirdMask(int c) {
-  uint32_t m = 0;
-  for (int p = 0; p < 32; ++p) {
-    if (3 * p + c >= 64) m |= uint32_t{1} << p;
-  }
-  return m;
-}
-
-// Output vector k (samples 32k..32k+31) of three channel vectors: channel 0 and 1 lanes
-// index a two-table permute of channels 0 and 1 (channel 1 as 32 + p); channel 2 lanes
-// (interleave3ThirdMask) a masked permute of channel 2.
-constexpr WordIndex interleave3Index(int k) {
-  WordIndex r{};
-  for (int o = 0; o < 32; ++o) {
-    int const g = 32 * k + o, p = g / 3, c = g % 3;
-    r.words[o] = static_cast<uint16_t>(c == 1 ? 32 + p : p);
-  }
-  return r;
-}
-constexpr uint32_t interleave3ThirdMask(int k) {
-  uint32_t m = 0;
-  for (int o = 0; o < 32; ++o) {
-    if ((32 * k + o) % 3 == 2) m |= uint32_t{1} << o;
-  }
-  return m;
-}
-
-inline constexpr WordIndex kDeinterleave3Index[3] = {deinterleave3Index(0), deinterleave3Index(1),
-                                                     deinterleave3Index(2)};
-inline constexpr uint32_t kDeinterleave3ThirdMask[3] = {
-    deinterleave3ThirdMask(0), deinterleave3ThirdMask(1), deinterleave3ThirdMask(2)};
-inline constexpr WordIndex kInterleave3Index[3] = {interleave3Index(0), interleave3Index(1),
-                                                   interleave3Index(2)};
-inline constexpr uint32_t kInterleave3ThirdMask[3] = {
-    interleave3ThirdMask(0), interleave3ThirdMask(1), interleave3ThirdMask(2)};
 
 }  // namespace quorvel::matrix_detail
 #endif
@@ -120,148 +75,98 @@ HWY_INLINE V roundQ10(V s) {
       hn::Add(hn::Add(s, hn::Set(hn::DFromV<V>(), 512)), hn::ShiftRight<31>(s)));
 }
 
+// The Q10 sum of output channel j from the samples x0, x1, x2, all in 32-bit lanes.
+template <bool kWrap, class V>
+HWY_INLINE V sumQ10(std::array<int32_t, 9> const& m, int j, V x0, V x1, V x2) {
+  const hn::DFromV<V> d;
+  auto const term = [&](int i, V x) {
+    return productTerm<kWrap>(coefficientVector<kWrap>(d, m[i]), x);
+  };
+  return hn::Add(hn::Add(term(j, x0), term(3 + j, x1)), term(6 + j, x2));
+}
+
 // ================================================================================
 // 4 x uint8 -> 4 x uint8
 // ================================================================================
 
-#if HWY_TARGET != HWY_SCALAR
-// Blocks of Lanes(d) pixels, each one 32-bit lane: split the samples with shifts and masks,
-// form the three sums, clamp to [0, 255 * 1024], round, and put alpha back.
+// One pixel per 32-bit lane: split the samples with shifts and masks, form the three sums,
+// clamp to [0, 255 * 1024], round, and put alpha back.
 template <bool kWrap>
-size_t matrixRgba8Blocks(int32_t const* c, uint8_t const* in, uint8_t* out, size_t width) {
-  hn::ScalableTag<int32_t> const d;
-  hn::Repartition<uint8_t, decltype(d)> const d8;
-  size_t const n = hn::Lanes(d);
-  hn::Vec<decltype(d)> m[9];
-  for (int i = 0; i < 9; ++i) m[i] = coefficientVector<kWrap>(d, c[i]);
-  auto const low = hn::Set(d, 0xFF);
-  auto const alpha = hn::Set(d, static_cast<int32_t>(0xFF000000u));
-  auto const lo = hn::Set(d, matrix_detail::kMin8);
-  auto const hi = hn::Set(d, matrix_detail::kMax8);
-  size_t i = 0;
-  for (; i + n <= width; i += n) {
-    auto const v = hn::BitCast(d, hn::LoadU(d8, in + 4 * i));
+void matrixRgba8(std::array<int32_t, 9> const& m, uint8_t const* in, uint8_t* out, size_t width) {
+  auto const* src = reinterpret_cast<int32_t const*>(in);
+  auto* dst = reinterpret_cast<int32_t*>(out);
+  ForEachVector(hn::ScalableTag<int32_t>(), 0, width, [=](auto d, size_t i, auto n) QUORVEL_STEP {
+    auto const low = hn::Set(d, 0xFF);
+    auto const v = LoadN(d, src + i, n);
     auto const x0 = hn::And(v, low);
     auto const x1 = hn::And(hn::ShiftRight<8>(v), low);
     auto const x2 = hn::And(hn::ShiftRight<16>(v), low);
     hn::Vec<decltype(d)> o[3];
     for (int j = 0; j < 3; ++j) {
-      auto const s =
-          hn::Add(hn::Add(productTerm<kWrap>(m[j], x0), productTerm<kWrap>(m[3 + j], x1)),
-                  productTerm<kWrap>(m[6 + j], x2));
-      o[j] = roundQ10(hn::Min(hn::Max(s, lo), hi));
+      auto const sum = sumQ10<kWrap>(m, j, x0, x1, x2);
+      o[j] = roundQ10(hn::Min(hn::Max(sum, hn::Set(d, matrix_detail::kMin8)),
+                              hn::Set(d, matrix_detail::kMax8)));
     }
-    auto const pixel = hn::Or(hn::Or(o[0], hn::ShiftLeft<8>(o[1])),
-                              hn::Or(hn::ShiftLeft<16>(o[2]), hn::And(v, alpha)));
-    hn::StoreU(hn::BitCast(d8, pixel), d8, out + 4 * i);
-  }
-  return i;
+    auto const alpha = hn::And(v, hn::Set(d, static_cast<int32_t>(0xFF000000u)));
+    StoreN(hn::Or(hn::Or(o[0], hn::ShiftLeft<8>(o[1])), hn::Or(hn::ShiftLeft<16>(o[2]), alpha)), d,
+           dst + i, n);
+  });
 }
 
-#endif  // HWY_TARGET != HWY_SCALAR
+// run(kWrap, m): the kernel body instantiated for whether the coefficients `c` times samples
+// of magnitude up to `maxSample` can wrap, given the coefficients as an array.
+template <class Run>
+void withWrap(int32_t const* c, int64_t maxSample, Run run) {
+  std::array<int32_t, 9> m;
+  std::copy(c, c + 9, m.begin());
+  if (matrix_detail::productsMayWrap(c, maxSample)) {
+    run(std::true_type(), m);
+  } else {
+    run(std::false_type(), m);
+  }
+}
 
 void applyMatrixRgba8(int32_t const* c, uint8_t const* in, uint8_t* out, size_t width) {
-  size_t done = 0;
-#if HWY_TARGET != HWY_SCALAR
-  done = matrix_detail::productsMayWrap(c, 255) ? matrixRgba8Blocks<true>(c, in, out, width)
-                                                : matrixRgba8Blocks<false>(c, in, out, width);
-#endif
-  // Remaining pixels (all of them on the one-lane target).
-  matrix_detail::applyMatrixRgba8Scalar(c, in + 4 * done, out + 4 * done, width - done);
+  withWrap(c, 255, [=](auto wrap, auto const& m) { matrixRgba8<wrap()>(m, in, out, width); });
 }
 
 // ================================================================================
 // 3 x int16 -> 3 x int16
 // ================================================================================
 
-#if HWY_TARGET != HWY_SCALAR
-// Blocks of Lanes(d16) pixels: deinterleave, widen each half to 32 bits, form the sums,
-// round (the clamp to [-32768, 32767] * 1024 cannot bind, see below), narrow and
-// interleave again.
+// Deinterleave, widen to 32 bits (each half of a vector, or the one lane of a tail), form
+// the sums, round, narrow and interleave again. The clamp to [-32768, 32767] * 1024 cannot
+// bind: every term lies in [-2^21, 2^21) (wrapped, or small enough not to wrap), so
+// |s| < 3 * 2^21 never reaches the bounds of +-2^25.
 template <bool kWrap>
-size_t matrixRgbS16Blocks(int32_t const* c, int16_t const* in, int16_t* out, size_t width) {
-  hn::ScalableTag<int16_t> const d16;
-  hn::Half<decltype(d16)> const dh16;
-  hn::Repartition<int32_t, decltype(d16)> const d32;
-  using V32 = hn::Vec<decltype(d32)>;
-  size_t const n = hn::Lanes(d16);
-  V32 m[9];
-  for (int i = 0; i < 9; ++i) m[i] = coefficientVector<kWrap>(d32, c[i]);
-  auto const channel = [&](int j, V32 x0, V32 x1, V32 x2) {
-    auto const s = hn::Add(hn::Add(productTerm<kWrap>(m[j], x0), productTerm<kWrap>(m[3 + j], x1)),
-                           productTerm<kWrap>(m[6 + j], x2));
-    // No clamp: every term lies in [-2^21, 2^21) (wrapped, or small enough not to wrap),
-    // so |s| < 3 * 2^21 never reaches the clamp bounds of +-2^25.
-    return hn::DemoteTo(dh16, roundQ10(s));
-  };
-  size_t i = 0;
-#if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
-  // 32 pixels per vector: the channels are separated and put back with two word permutes
-  // per vector across all 512 bits, cheaper than the generic 128-bit-block shuffles.
-  using matrix_detail::kDeinterleave3Index;
-  using matrix_detail::kDeinterleave3ThirdMask;
-  using matrix_detail::kInterleave3Index;
-  using matrix_detail::kInterleave3ThirdMask;
-  static_assert(hn::MaxLanes(d16) == 32, "one 512-bit vector of int16");
-  __m512i split[3], join[3];
-  for (int k = 0; k < 3; ++k) {
-    split[k] = _mm512_load_si512(kDeinterleave3Index[k].words);
-    join[k] = _mm512_load_si512(kInterleave3Index[k].words);
-  }
-  for (; i + 32 <= width; i += 32) {
-    int16_t const* src = in + 3 * i;
-    __m512i const v0 = _mm512_loadu_si512(src), v1 = _mm512_loadu_si512(src + 32);
-    __m512i const v2 = _mm512_loadu_si512(src + 64);
-    hn::Vec<decltype(d16)> x[3];
-    for (int c = 0; c < 3; ++c) {
-      __m512i const low = _mm512_permutex2var_epi16(v0, split[c], v1);
-      x[c].raw = _mm512_mask_permutexvar_epi16(low, kDeinterleave3ThirdMask[c], split[c], v2);
+void matrixRgbS16(std::array<int32_t, 9> const& m, int16_t const* in, int16_t* out, size_t width) {
+  ForEachVector(hn::ScalableTag<int16_t>(), 0, width, [=](auto d16, size_t i, auto n) QUORVEL_STEP {
+    using D16 = decltype(d16);
+    hn::Vec<D16> x[3], o[3];
+    LoadInterleaved3N(d16, in + 3 * i, n, x[0], x[1], x[2]);
+    if constexpr (hn::MaxLanes(D16()) == 1) {
+      const hn::Rebind<int32_t, D16> d32;
+      auto const r = hn::PromoteTo(d32, x[0]), g = hn::PromoteTo(d32, x[1]);
+      auto const b = hn::PromoteTo(d32, x[2]);
+      for (int j = 0; j < 3; ++j) {
+        o[j] = hn::DemoteTo(d16, roundQ10(sumQ10<kWrap>(m, j, r, g, b)));
+      }
+    } else {
+      const hn::Repartition<int32_t, D16> d32;
+      hn::Vec<decltype(d32)> lo[3], hi[3];
+      for (int c = 0; c < 3; ++c) PromoteHalves(d32, x[c], lo[c], hi[c]);
+      for (int j = 0; j < 3; ++j) {
+        o[j] = DemoteHalves(d16, roundQ10(sumQ10<kWrap>(m, j, lo[0], lo[1], lo[2])),
+                            roundQ10(sumQ10<kWrap>(m, j, hi[0], hi[1], hi[2])));
+      }
     }
-    hn::Vec<decltype(d16)> const r = x[0], g = x[1], b = x[2];
-    V32 const r0 = hn::PromoteTo(d32, hn::LowerHalf(dh16, r));
-    V32 const g0 = hn::PromoteTo(d32, hn::LowerHalf(dh16, g));
-    V32 const b0 = hn::PromoteTo(d32, hn::LowerHalf(dh16, b));
-    V32 const r1 = hn::PromoteTo(d32, hn::UpperHalf(dh16, r));
-    V32 const g1 = hn::PromoteTo(d32, hn::UpperHalf(dh16, g));
-    V32 const b1 = hn::PromoteTo(d32, hn::UpperHalf(dh16, b));
-    __m512i const o0 = hn::Combine(d16, channel(0, r1, g1, b1), channel(0, r0, g0, b0)).raw;
-    __m512i const o1 = hn::Combine(d16, channel(1, r1, g1, b1), channel(1, r0, g0, b0)).raw;
-    __m512i const o2 = hn::Combine(d16, channel(2, r1, g1, b1), channel(2, r0, g0, b0)).raw;
-    // Written after all reads of the block: the kernel may run in place.
-    for (int k = 0; k < 3; ++k) {
-      __m512i const low = _mm512_permutex2var_epi16(o0, join[k], o1);
-      _mm512_storeu_si512(out + 3 * i + 32 * k, _mm512_mask_permutexvar_epi16(
-                                                    low, kInterleave3ThirdMask[k], join[k], o2));
-    }
-  }
-#endif
-  for (; i + n <= width; i += n) {
-    hn::Vec<decltype(d16)> r, g, b;
-    hn::LoadInterleaved3(d16, in + 3 * i, r, g, b);
-    V32 const r0 = hn::PromoteTo(d32, hn::LowerHalf(dh16, r));
-    V32 const g0 = hn::PromoteTo(d32, hn::LowerHalf(dh16, g));
-    V32 const b0 = hn::PromoteTo(d32, hn::LowerHalf(dh16, b));
-    V32 const r1 = hn::PromoteTo(d32, hn::UpperHalf(dh16, r));
-    V32 const g1 = hn::PromoteTo(d32, hn::UpperHalf(dh16, g));
-    V32 const b1 = hn::PromoteTo(d32, hn::UpperHalf(dh16, b));
-    auto const o0 = hn::Combine(d16, channel(0, r1, g1, b1), channel(0, r0, g0, b0));
-    auto const o1 = hn::Combine(d16, channel(1, r1, g1, b1), channel(1, r0, g0, b0));
-    auto const o2 = hn::Combine(d16, channel(2, r1, g1, b1), channel(2, r0, g0, b0));
-    hn::StoreInterleaved3(o0, o1, o2, d16, out + 3 * i);
-  }
-  return i;
+    // Written after all reads of the step: the kernel may run in place.
+    StoreInterleaved3N(o[0], o[1], o[2], d16, out + 3 * i, n);
+  });
 }
 
-#endif  // HWY_TARGET != HWY_SCALAR
-
 void applyMatrixRgbS16(int32_t const* c, int16_t const* in, int16_t* out, size_t width) {
-  size_t done = 0;
-#if HWY_TARGET != HWY_SCALAR
-  done = matrix_detail::productsMayWrap(c, 32768) ? matrixRgbS16Blocks<true>(c, in, out, width)
-                                                  : matrixRgbS16Blocks<false>(c, in, out, width);
-#endif
-  // Remaining pixels (all of them on the one-lane target, which cannot halve a vector).
-  matrix_detail::applyMatrixRgbS16Scalar(c, in + 3 * done, out + 3 * done, width - done);
+  withWrap(c, 32768, [=](auto wrap, auto const& m) { matrixRgbS16<wrap()>(m, in, out, width); });
 }
 
 // NOLINTNEXTLINE(google-readability-namespace-comments)

@@ -1,8 +1,9 @@
 // Vector bodies of the inverse 5/3 wavelet passes, compiled once per SIMD target.
 //
-// Vertical: full vectors across the columns, one pair of target rows per step.
-// Horizontal: full vectors over k; H(k+1), H(k+2) and L(k+1) are unaligned loads at
-// +1 and +2, and the e and o lanes are interleaved on store. The arithmetic is the 16-bit
+// Vertical: vectors across the columns, one pair of target rows per step.
+// Horizontal: vectors over k; H(k+1), H(k+2) and L(k+1) are unaligned loads at +1 and +2,
+// and the e and o lanes are interleaved on store. Each pass is one per-vector step walked
+// over the row, the tail included (lane_ops-inl.h). The arithmetic is the 16-bit
 // wrap-around form of the scalar passes, so every lane equals the scalar result.
 
 #include <hwy/cache_control.h>
@@ -17,7 +18,7 @@
 #include "filters/kernel_frame.hpp"
 #include "kernels/reconstruction/wavelet_passes.hpp"
 #include "quorvel/kernels/reconstruction/wavelet.hpp"
-#include "simd/stream_store-inl.h"
+#include "simd/lane_ops-inl.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace quorvel::HWY_NAMESPACE {
@@ -42,15 +43,9 @@ HWY_INLINE V Odd(V h1, V e0, V e1) {
 // Row of e(k) (vertical) from band rows l = L(k), h0 = H(k), h1 = H(k + 1).
 HWY_INLINE void EvenRow(const int16_t* l, const int16_t* h0, const int16_t* h1, size_t count,
                         int16_t* out) {
-  const hn::ScalableTag<int16_t> d;
-  const size_t lanes = hn::Lanes(d);
-  size_t c = 0;
-  // Blocks of whole vectors, then the remaining columns one by one.
-  for (; c + lanes <= count; c += lanes) {
-    hn::StoreU(Even(d, hn::LoadU(d, l + c), hn::LoadU(d, h0 + c), hn::LoadU(d, h1 + c)), d,
-               out + c);
-  }
-  for (; c < count; ++c) out[c] = waveletEven(l[c], h0[c], h1[c]);
+  ForEachVector(hn::ScalableTag<int16_t>(), 0, count, [=](auto d, size_t c, auto n) QUORVEL_STEP {
+    StoreN(Even(d, LoadN(d, l + c, n), LoadN(d, h0 + c, n), LoadN(d, h1 + c, n)), d, out + c, n);
+  });
 }
 
 // Rows of e(k) and o(k) (vertical) from band rows L(k), L(k + 1), H(k), H(k + 1), H(k + 2);
@@ -60,28 +55,13 @@ HWY_INLINE void EvenRow(const int16_t* l, const int16_t* h0, const int16_t* h1, 
 template <bool kStream = false>
 HWY_INLINE void PairRows(const int16_t* l0, const int16_t* l1, const int16_t* h0, const int16_t* h1,
                          const int16_t* h2, size_t count, int16_t* evenOut, int16_t* oddOut) {
-  const hn::ScalableTag<int16_t> d;
-  const size_t lanes = hn::Lanes(d);
-  auto const store = [&](auto v, int16_t* out) {
-    if constexpr (kStream) {
-      hn::Stream(v, d, out);
-    } else if (out != nullptr) {
-      hn::StoreU(v, d, out);
-    }
-  };
-  size_t c = 0;
-  for (; c + lanes <= count; c += lanes) {
-    auto const vh1 = hn::LoadU(d, h1 + c);
-    auto const e0 = Even(d, hn::LoadU(d, l0 + c), hn::LoadU(d, h0 + c), vh1);
-    auto const e1 = Even(d, hn::LoadU(d, l1 + c), vh1, hn::LoadU(d, h2 + c));
-    store(e0, evenOut == nullptr ? nullptr : evenOut + c);
-    store(Odd(vh1, e0, e1), oddOut == nullptr ? nullptr : oddOut + c);
-  }
-  for (; c < count; ++c) {
-    int16_t const e0 = waveletEven(l0[c], h0[c], h1[c]);
-    if (evenOut != nullptr) evenOut[c] = e0;
-    if (oddOut != nullptr) oddOut[c] = waveletOdd(h1[c], e0, waveletEven(l1[c], h1[c], h2[c]));
-  }
+  ForEachVector(hn::ScalableTag<int16_t>(), 0, count, [=](auto d, size_t c, auto n) QUORVEL_STEP {
+    auto const vh1 = LoadN(d, h1 + c, n);
+    auto const e0 = Even(d, LoadN(d, l0 + c, n), LoadN(d, h0 + c, n), vh1);
+    auto const e1 = Even(d, LoadN(d, l1 + c, n), vh1, LoadN(d, h2 + c, n));
+    if (kStream || evenOut != nullptr) StoreN<kStream>(e0, d, evenOut + c, n);
+    if (kStream || oddOut != nullptr) StoreN<kStream>(Odd(vh1, e0, e1), d, oddOut + c, n);
+  });
 }
 
 // Writes `count` 16-bit target values at `row` from compute(first, n, out).
@@ -135,7 +115,6 @@ void WaveletHorizontal(WaveletPlan const& plan) {
   // At most 256-bit vectors: with 512-bit ones the unaligned loads at +1 and +2 split a
   // cache line on every load, which measured markedly slower.
   const hn::CappedTag<int16_t, 16> d;
-  const auto lanes = static_cast<int64_t>(hn::Lanes(d));
   auto const pairs = static_cast<size_t>(plan.pairEnd - plan.pairBegin);
   bool const stream =
       kernel::streamTarget(static_cast<size_t>(plan.count) * pairs * 2 * sizeof(int16_t));
@@ -153,20 +132,16 @@ void WaveletHorizontal(WaveletPlan const& plan) {
     if (pairs != 0) {
       WriteSamples(plan.out + oi + 2 * plan.pairBegin, 2 * pairs, stream,
                    [&](size_t first, size_t n, int16_t* out) {
-                     // Blocks of whole vectors over k, 2 * lanes target samples each.
-                     int64_t k = plan.pairBegin + static_cast<int64_t>(first / 2);
-                     int64_t const end = k + static_cast<int64_t>(n / 2);
-                     int16_t const* l = plan.low + li + k;
-                     int16_t const* h = plan.high + hi + k;
-                     for (; k + lanes <= end;
-                          k += lanes, l += lanes, h += lanes, out += 2 * lanes) {
-                       auto const h1 = hn::LoadU(d, h + 1);
-                       auto const e0 = Even(d, hn::LoadU(d, l), hn::LoadU(d, h), h1);
-                       auto const e1 = Even(d, hn::LoadU(d, l + 1), h1, hn::LoadU(d, h + 2));
-                       hn::StoreInterleaved2(e0, Odd(h1, e0, e1), d, out);
-                     }
-                     // Remaining pairs one by one.
-                     for (; k < end; ++k, out += 2) out[0] = even(k), out[1] = odd(k);
+                     // Pairs from pairBegin + first / 2 on, 2 * lanes target samples a step.
+                     int16_t const* l = plan.low + li + plan.pairBegin + first / 2;
+                     int16_t const* h = plan.high + hi + plan.pairBegin + first / 2;
+                     ForEachVector<false>(d, 0, n / 2, [=](auto dv, size_t j, auto) QUORVEL_STEP {
+                       auto const h1 = hn::LoadU(dv, h + j + 1);
+                       auto const e0 = Even(dv, hn::LoadU(dv, l + j), hn::LoadU(dv, h + j), h1);
+                       auto const e1 =
+                           Even(dv, hn::LoadU(dv, l + j + 1), h1, hn::LoadU(dv, h + j + 2));
+                       hn::StoreInterleaved2(e0, Odd(h1, e0, e1), dv, out + 2 * j);
+                     });
                    });
     }
     // Tail: the even-only sample.

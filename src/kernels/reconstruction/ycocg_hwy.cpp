@@ -1,6 +1,7 @@
-// Vector bodies of the YCoCg colour transforms, compiled once per SIMD target. Vectors are
-// capped at 256 bits: the interleaved loads and stores shuffle within 128-bit blocks, and
-// wider vectors measured no faster on these memory-bound rows.
+// Vector bodies of the YCoCg colour transforms, compiled once per SIMD target: one
+// per-vector step walked over the row, the tail one pixel at a time (lane_ops-inl.h).
+// Vectors are capped at 256 bits: the interleaved loads and stores shuffle within 128-bit
+// blocks, and wider vectors measured no faster on these memory-bound rows.
 
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "kernels/reconstruction/ycocg_hwy.cpp"
@@ -9,84 +10,66 @@
 
 #include "kernels/reconstruction/pixel_rows.hpp"
 #include "quorvel/kernels/reconstruction/ycocg.hpp"
-#include "simd/stream_store-inl.h"
+#include "simd/lane_ops-inl.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace quorvel::HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
 
+using Pixels16 = hn::CappedTag<int16_t, 16>;
+
 void YCoCgToRgb16(const int16_t* src, int16_t* dst, size_t pixels, bool stream) {
-  WriteRow(reinterpret_cast<uint8_t*>(dst), pixels, 6, stream,
-           [&](size_t first, size_t n, uint8_t* bytes) {
-             const hn::CappedTag<int16_t, 16> d;
-             const size_t lanes = hn::Lanes(d);
-             const int16_t* in = src + 3 * first;
-             auto* out = reinterpret_cast<int16_t*>(bytes);
-             size_t i = 0;
-             // Blocks of whole vectors, all in 16-bit wrap-around arithmetic.
-             for (; i + lanes <= n; i += lanes, in += 3 * lanes, out += 3 * lanes) {
-               hn::Vec<decltype(d)> y, co, cg;
-               hn::LoadInterleaved3(d, in, y, co, cg);
-               auto const t = hn::Sub(y, hn::ShiftRight<1>(cg));
-               auto const b = hn::Sub(t, hn::ShiftRight<1>(co));
-               hn::StoreInterleaved3(hn::Add(b, co), hn::Add(t, cg), b, d, out);
-             }
-             reference::yCoCgToRgb16(in, out, n - i);  // tail
-           });
+  // All in 16-bit wrap-around arithmetic.
+  WritePixels<false>(Pixels16(), reinterpret_cast<uint8_t*>(dst), pixels, 6, stream,
+                     [=](auto d, size_t first, auto, uint8_t* out, auto) QUORVEL_STEP {
+                       hn::Vec<decltype(d)> y, co, cg;
+                       hn::LoadInterleaved3(d, src + 3 * first, y, co, cg);
+                       auto const t = hn::Sub(y, hn::ShiftRight<1>(cg));
+                       auto const b = hn::Sub(t, hn::ShiftRight<1>(co));
+                       hn::StoreInterleaved3(hn::Add(b, co), hn::Add(t, cg), b, d,
+                                             reinterpret_cast<int16_t*>(out));
+                     });
   if (stream) hwy::FlushStream();
 }
 
 void YCoCgToRgba8(const int16_t* src, uint8_t* dst, size_t pixels, bool stream) {
-  WriteRow(dst, pixels, 4, stream, [&](size_t first, size_t n, uint8_t* out) {
-    const hn::CappedTag<int16_t, 16> d16;
-    const hn::Rebind<uint8_t, decltype(d16)> d8;
-    const size_t lanes = hn::Lanes(d16);
-    const int16_t* in = src + 3 * first;
-    auto const alpha = hn::Set(d8, uint8_t{255});
-    size_t i = 0;
-    // Exact against the 32-bit form without widening: each channel is Y plus at most two
-    // terms of magnitude <= 16384 (R = Y - (Cg >> 1) + ceil(Co / 2), G = Y + ceil(Cg / 2),
-    // B = Y - (Cg >> 1) - (Co >> 1)), added with saturation. A first sum that saturates is
-    // beyond 32767 or -32768, so after the second term it is still beyond 255 or 0 on the
-    // same side, and the saturating 16 -> 8-bit demotion clamps to the same value.
-    for (; i + lanes <= n; i += lanes, in += 3 * lanes, out += 4 * lanes) {
-      hn::Vec<decltype(d16)> y, co, cg;
-      hn::LoadInterleaved3(d16, in, y, co, cg);
-      auto const halfCo = hn::ShiftRight<1>(co), halfCg = hn::ShiftRight<1>(cg);
-      auto const t = hn::SaturatedSub(y, halfCg);
-      auto const r = hn::SaturatedAdd(t, hn::Sub(co, halfCo));
-      auto const g = hn::SaturatedAdd(y, hn::Sub(cg, halfCg));
-      auto const b = hn::SaturatedSub(t, halfCo);
-      hn::StoreInterleaved4(hn::DemoteTo(d8, r), hn::DemoteTo(d8, g), hn::DemoteTo(d8, b), alpha,
-                            d8, out);
-    }
-    reference::yCoCgToRgba8(in, out, n - i);  // tail
-  });
+  // Exact against the 32-bit form without widening: each channel is Y plus at most two
+  // terms of magnitude <= 16384 (R = Y - (Cg >> 1) + ceil(Co / 2), G = Y + ceil(Cg / 2),
+  // B = Y - (Cg >> 1) - (Co >> 1)), added with saturation. A first sum that saturates is
+  // beyond 32767 or -32768, so after the second term it is still beyond 255 or 0 on the
+  // same side, and the saturating 16 -> 8-bit demotion clamps to the same value.
+  WritePixels<false>(Pixels16(), dst, pixels, 4, stream,
+                     [=](auto d16, size_t first, auto, uint8_t* out, auto) QUORVEL_STEP {
+                       const hn::Rebind<uint8_t, decltype(d16)> d8;
+                       hn::Vec<decltype(d16)> y, co, cg;
+                       hn::LoadInterleaved3(d16, src + 3 * first, y, co, cg);
+                       auto const halfCo = hn::ShiftRight<1>(co), halfCg = hn::ShiftRight<1>(cg);
+                       auto const t = hn::SaturatedSub(y, halfCg);
+                       auto const r = hn::SaturatedAdd(t, hn::Sub(co, halfCo));
+                       auto const g = hn::SaturatedAdd(y, hn::Sub(cg, halfCg));
+                       auto const b = hn::SaturatedSub(t, halfCo);
+                       hn::StoreInterleaved4(hn::DemoteTo(d8, r), hn::DemoteTo(d8, g),
+                                             hn::DemoteTo(d8, b), hn::Set(d8, uint8_t{255}), d8,
+                                             out);
+                     });
   if (stream) hwy::FlushStream();
 }
 
 void Rgba8ToYCoCg(const uint8_t* src, int16_t* dst, size_t pixels, bool stream) {
-  WriteRow(reinterpret_cast<uint8_t*>(dst), pixels, 6, stream,
-           [&](size_t first, size_t n, uint8_t* bytes) {
-             const hn::CappedTag<int16_t, 16> d16;
-             const hn::Rebind<uint8_t, decltype(d16)> d8;
-             const size_t lanes = hn::Lanes(d8);
-             const uint8_t* in = src + 4 * first;
-             auto* out = reinterpret_cast<int16_t*>(bytes);
-             size_t i = 0;
-             // 8-bit inputs keep every intermediate within 16 bits: no widening needed.
-             for (; i + lanes <= n; i += lanes, in += 4 * lanes, out += 3 * lanes) {
-               hn::Vec<decltype(d8)> r8, g8, b8, a8;
-               hn::LoadInterleaved4(d8, in, r8, g8, b8, a8);
-               auto const r = hn::PromoteTo(d16, r8), g = hn::PromoteTo(d16, g8);
-               auto const b = hn::PromoteTo(d16, b8);
-               auto const co = hn::Sub(r, b);
-               auto const t = hn::Add(b, hn::ShiftRight<1>(co));
-               auto const cg = hn::Sub(g, t);
-               hn::StoreInterleaved3(hn::Add(t, hn::ShiftRight<1>(cg)), co, cg, d16, out);
-             }
-             reference::rgba8ToYCoCg(in, out, n - i);  // tail
-           });
+  // 8-bit inputs keep every intermediate within 16 bits: no widening needed.
+  WritePixels<false>(Pixels16(), reinterpret_cast<uint8_t*>(dst), pixels, 6, stream,
+                     [=](auto d16, size_t first, auto, uint8_t* out, auto) QUORVEL_STEP {
+                       const hn::Rebind<uint8_t, decltype(d16)> d8;
+                       hn::Vec<decltype(d8)> r8, g8, b8, a8;
+                       hn::LoadInterleaved4(d8, src + 4 * first, r8, g8, b8, a8);
+                       auto const r = hn::PromoteTo(d16, r8), g = hn::PromoteTo(d16, g8);
+                       auto const b = hn::PromoteTo(d16, b8);
+                       auto const co = hn::Sub(r, b);
+                       auto const t = hn::Add(b, hn::ShiftRight<1>(co));
+                       auto const cg = hn::Sub(g, t);
+                       hn::StoreInterleaved3(hn::Add(t, hn::ShiftRight<1>(cg)), co, cg, d16,
+                                             reinterpret_cast<int16_t*>(out));
+                     });
   if (stream) hwy::FlushStream();
 }
 
