@@ -141,8 +141,8 @@ void JobRenderer::executeJob(RenderJob& job) {
         requireStorage(target->buffer());
         outputs.push_back(target->buffer());
       }
-      job.filter->apply(inputs, job.inputRects, outputs, job.outputRects,
-                        job.params ? *job.params : FilterEmptyParams::instance());
+      kernel::applyOnWorker(*job.filter, scratch_, inputs, job.inputRects, outputs, job.outputRects,
+                            job.params ? *job.params : FilterEmptyParams::instance());
       return;
     }
     case RenderJob::kAllocate:

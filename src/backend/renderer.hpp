@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "kernels/worker_scratch.hpp"
 #include "quorvel/buffers/buffer2d.hpp"
 #include "quorvel/filters/software_filter.hpp"
 #include "quorvel/jobs/parallel_work_queue.hpp"
@@ -130,6 +131,10 @@ class JobRenderer {
   /// Runs a whole batch in order, recording each job's failure in its targets, and leaves it
   /// empty; with a pool, the finished jobs and the batch's storage go back to it.
   static void runBatch(RenderJobList& batch, JobRenderer& renderer, JobPool* pool = nullptr);
+
+ private:
+  // What the kernels keep between this worker's jobs.
+  kernel::WorkerScratch scratch_;
 };
 
 /// Owns the render targets and the worker pool shared by all instances of one backend.

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <random>
@@ -12,6 +13,7 @@
 
 #include "kernels/display/clahe_rows.hpp"
 #include "kernels/simd_targets.hpp"
+#include "kernels/worker_scratch.hpp"
 #include "support/test_util.hpp"
 
 namespace quorvel {
@@ -149,25 +151,68 @@ FilterClaheParams clahe(double clipLimit) {
   return p;
 }
 
-class ClaheFilter : public ::testing::Test {
- protected:
-  SoftwareFilterCLAHE filter_{pointFilter("FilterCLAHE", 1, 48, 48, 3, 3, 16)};
+using Apply =
+    std::function<void(std::vector<std::shared_ptr<Buffer2D>> const&, std::vector<Rect> const&,
+                       std::vector<std::shared_ptr<Buffer2D>> const&, std::vector<Rect> const&,
+                       SingleFilterParameters const&)>;
+
+// One filter job: a w x h source, its rectangle and the target's.
+struct Job {
+  int w, h;
+  Rect in, out;
+  int tw, th;
+  double clip;
 };
 
-// Runs the filter from `in` of a w x h source to `out` of a tw x th target filled with a
-// sentinel, and checks both against the reference: the source equalised in place from the
-// tile that the rectangles select (sources of 40 or fewer pixels on a side pass unchanged),
-// and the target holding the flat copy of it. The expected copy clips the output to the
-// target, moves the input by what the output lost (as getValidRects does), then copies flat
-// source indices, skipping negative row starts.
-void expectEqualisedCopy(SoftwareFilterCLAHE& filter, std::vector<int16_t> const& original, int w,
-                         int h, Rect const& in, Rect const& out, int tw, int th,
-                         double clip = 1.5) {
+std::vector<Job> jobs() {
+  std::vector<Job> list;
+  // Whole images, partial tiles at the right and bottom, every clip limit class (below one is
+  // raised to one).
+  for (auto [w, h] : {std::pair{41, 41}, {100, 73}, {80, 80}, {123, 200}}) {
+    for (double clip : {0.25, 1.0, 2.0, 3.5})
+      list.push_back({w, h, {0, 0, w, h}, {0, 0, w, h}, w, h, clip});
+  }
+  // A source too small to equalise, so the copy alone is visible, clipped to both buffers;
+  // sources of one tile or less in either direction pass unchanged.
+  for (auto [in, out] : {std::pair<Rect, Rect>{{0, 0, 30, 20}, {5, 3, 100, 100}},
+                         {{-4, -2, 30, 20}, {0, 0, 30, 20}},
+                         {{25, 17, 30, 20}, {0, 0, 30, 20}},
+                         {{0, 0, 1000, 1000}, {-8, -9, 1000, 1000}}}) {
+    list.push_back({30, 20, in, out, 30, 20, 1.5});
+  }
+  for (auto [w, h] : {std::pair{40, 90}, {90, 40}, {12, 7}})
+    list.push_back({w, h, {0, 0, w, h}, {0, 0, w, h}, w, h, 1.5});
+  // Whole equalised rows go to the target as they are finished; rows above the first
+  // equalised one, partial rows and rows that run into the next source row are copied
+  // afterwards.
+  int const w = 123, h = 97, rw = w - 40, rh = h - 40;  // rw, rh: after the first tile
+  for (auto [in, out, tw, th] : {std::tuple<Rect, Rect, int, int>{{0, 0, w, h}, {0, 0, w, h}, w, h},
+                                 {{0, 10, w, h}, {7, 3, w, h}, 140, 90},  // wider target
+                                 {{0, 0, w, h}, {0, 45, w, h}, w, h},     // first tile row kept
+                                 {{40, 0, rw, h}, {0, 0, rw, h}, w, h},   // first tile column kept,
+                                 {{40, 0, rw, rh}, {0, 0, rw, rh}, rw, rh},   // into the rest only
+                                 {{3, 0, w - 3, h}, {0, 0, w - 3, h}, w, h},  // partial rows
+                                 {{5, -3, w, h}, {0, 0, w, h}, w, h},         // into the next row
+                                 {{0, 50, w, h}, {0, 0, w, h}, w, h}}) {      // past the end
+    list.push_back({w, h, in, out, tw, th, 1.5});
+  }
+  return list;
+}
+
+// Runs `apply` on the job with a random source and a target filled with a sentinel, and
+// checks both against the reference: the source equalised in place from the tile that the
+// rectangles select (sources of 40 or fewer pixels on a side pass unchanged), and the target
+// holding the flat copy of it. The expected copy clips the output to the target, moves the
+// input by what the output lost (as getValidRects does), then copies flat source indices,
+// skipping negative row starts.
+void expectEqualisedCopy(Apply const& apply, Job const& job, std::mt19937& gen) {
+  auto const [w, h, in, out, tw, th, clip] = job;
+  std::vector<int16_t> const original = randomImage(w, h, gen);
   RgbS16 const sentinel{{-7, -7, -7}};
   auto source = makeImage(w, h, original);
   auto target = std::make_shared<Buffer2DVector<RgbS16>>(tw, th, true);
   target->clear(sentinel);
-  filter.apply({source}, {in}, {target}, {out}, clahe(clip));
+  apply({source}, {in}, {target}, {out}, clahe(clip));
   int const ox = std::max(out[0], 0), oy = std::max(out[1], 0);
   int const ow = std::min(out[0] + out[2], tw) - ox;
   int const oh = std::min(out[1] + out[3], th) - oy;
@@ -184,86 +229,71 @@ void expectEqualisedCopy(SoftwareFilterCLAHE& filter, std::vector<int16_t> const
   for (int y = 0; y < th; ++y) {
     for (int x = 0; x < tw; ++x) {
       RgbS16 expected = sentinel;
-      if (x >= ox && x < ox + ow && y >= oy && y < oy + oh) {
-        int64_t const rowStart = int64_t{iy + y - oy} * w + ix;
-        int64_t const index = rowStart + x - ox;
-        if (rowStart >= 0 && index < int64_t{w} * h) {
-          expected = {{want[3 * index], want[3 * index + 1], want[3 * index + 2]}};
-        }
+      int64_t const rowStart = int64_t{iy + y - oy} * w + ix, index = rowStart + x - ox;
+      if (x >= ox && x < ox + ow && y >= oy && y < oy + oh && rowStart >= 0 &&
+          index < int64_t{w} * h) {
+        expected = {{want[3 * index], want[3 * index + 1], want[3 * index + 2]}};
       }
       ASSERT_EQ(target->data()[y * tw + x], expected) << "pixel " << x << ", " << y;
     }
   }
 }
 
-// Whole images, partial tiles at the right and bottom, every clip limit class (below one is
-// raised to one); channels 1 and 2 pass bit for bit.
-TEST_F(ClaheFilter, MatchesTheReferenceOnImagesWithPartialTiles) {
+class ClaheFilter : public ::testing::Test {
+ protected:
+  SoftwareFilterCLAHE filter_{pointFilter("FilterCLAHE", 1, 48, 48, 3, 3, 16)};
+  std::string failureWith(Apply const& apply) {
+    auto buffer = std::make_shared<Buffer2DVector<RgbS16>>(8, 8, true);
+    return testing::failureOf([&] {
+      apply({buffer}, {Rect{}}, {buffer}, {{0, 0, 8, 8}}, FilterEmptyParams::instance());
+    });
+  }
+};
+
+TEST_F(ClaheFilter, EqualisesAndCopiesLikeTheReference) {
+  Apply const direct = [&](auto const&... args) { filter_.apply(args...); };
   std::mt19937 gen(7);
-  for (auto [w, h] : {std::pair{41, 41}, {100, 73}, {80, 80}, {123, 200}}) {
-    for (double clip : {0.25, 1.0, 2.0, 3.5}) {
-      expectEqualisedCopy(filter_, randomImage(w, h, gen), w, h, {0, 0, w, h}, {0, 0, w, h}, w, h,
-                          clip);
-    }
-  }
-}
-
-TEST_F(ClaheFilter, CopiesOnlyWhatTheBuffersHold) {
-  // Source of 30 x 20 (too small to equalise), so the copy alone is visible.
-  std::vector<int16_t> original(3 * 30 * 20);
-  for (size_t i = 0; i < original.size(); ++i) original[i] = static_cast<int16_t>(i);
-  for (auto [in, out] : {std::pair<Rect, Rect>{{0, 0, 30, 20}, {5, 3, 100, 100}},
-                         {{-4, -2, 30, 20}, {0, 0, 30, 20}},
-                         {{25, 17, 30, 20}, {0, 0, 30, 20}},
-                         {{0, 0, 1000, 1000}, {-8, -9, 1000, 1000}}}) {
-    expectEqualisedCopy(filter_, original, 30, 20, in, out, 30, 20);
-  }
-  // Sources of one tile or less in either direction pass through unchanged.
-  std::mt19937 gen(9);
-  for (auto [w, h] : {std::pair{40, 90}, {90, 40}, {12, 7}}) {
-    expectEqualisedCopy(filter_, randomImage(w, h, gen), w, h, {0, 0, w, h}, {0, 0, w, h}, w, h);
-  }
-}
-
-TEST_F(ClaheFilter, CopiesTheEqualisedRowsForAnyRectangles) {
-  // Whole equalised rows go to the target as they are finished; rows above the first
-  // equalised one, partial rows and rows that run into the next source row are copied
-  // afterwards. Every layout gives the same target.
-  std::mt19937 gen(12);
-  int const w = 123, h = 97;
-  std::vector<int16_t> const original = randomImage(w, h, gen);
-  struct Case {
-    Rect in, out;
-    int tw, th;
-  };
-  int const rw = w - 40, rh = h - 40;  // what follows the first tile column and row
-  Case const cases[] = {
-      {{0, 0, w, h}, {0, 0, w, h}, w, h},          // whole rows, same layout
-      {{0, 10, w, h}, {7, 3, w, h}, 140, 90},      // whole rows into a wider target
-      {{0, 0, w, h}, {0, 45, w, h}, w, h},         // the first tile row is not equalised
-      {{40, 0, rw, h}, {0, 0, rw, h}, w, h},       // nor is the first tile column,
-      {{40, 0, rw, rh}, {0, 0, rw, rh}, rw, rh},   // also into a target of the rest only
-      {{3, 0, w - 3, h}, {0, 0, w - 3, h}, w, h},  // partial rows
-      {{5, -3, w, h}, {0, 0, w, h}, w, h},         // rows running into the next one
-      {{0, 50, w, h}, {0, 0, w, h}, w, h},         // past the end of the source
-  };
-  for (Case const& c : cases) {
-    expectEqualisedCopy(filter_, original, w, h, c.in, c.out, c.tw, c.th);
-  }
+  for (Job const& job : jobs()) expectEqualisedCopy(direct, job, gen);
   // A target that is the source itself is written after the equalisation.
-  auto buffer = makeImage(w, h, original);
+  int const w = 123, h = 97;
+  std::vector<int16_t> want = randomImage(w, h, gen);
+  auto buffer = makeImage(w, h, want);
   filter_.apply({buffer}, {{0, 0, w, h}}, {buffer}, {{0, 0, w, h}}, clahe(1.5));
-  std::vector<int16_t> want = original;
   refClahe(want, w, h, 1.5, 0, 0);
   EXPECT_EQ(samplesOf(*buffer), want);
+  std::string const text = failureWith(direct);
+  EXPECT_NE(text.find("Filter parameters cast failed"), std::string::npos) << text;
 }
 
-TEST_F(ClaheFilter, RejectsParametersOfAnotherClass) {
-  auto buffer = std::make_shared<Buffer2DVector<RgbS16>>(8, 8, true);
-  std::string const text = testing::failureOf([&] {
-    filter_.apply({buffer}, {Rect{}}, {buffer}, {{0, 0, 8, 8}}, FilterEmptyParams::instance());
-  });
-  EXPECT_NE(text.find("Filter parameters cast failed"), std::string::npos) << text;
+TEST_F(ClaheFilter, RunsOnAWorkerWithItsKeptEqualiser) {
+  // One worker's jobs in a row share its equaliser, sizes going up and down, and a source
+  // wider than the kept one gets its own: nothing of one job may show in the next.
+  kernel::WorkerScratch scratch;
+  Apply const onWorker = [&](auto const&... args) {
+    kernel::applyOnWorker(filter_, scratch, args...);
+  };
+  std::mt19937 gen(21);
+  std::vector<Job> list = jobs();
+  int const wide = static_cast<int>(kernel::WorkerScratch::kClaheWidth) + 41;
+  list.insert(list.begin() + 5, {wide, 41, {0, 0, wide, 41}, {0, 0, wide, 41}, wide, 41, 2.0});
+  for (Job const& job : list) expectEqualisedCopy(onWorker, job, gen);
+  EXPECT_EQ(failureWith(onWorker),
+            failureWith([&](auto const&... args) { filter_.apply(args...); }));
+  // A subclass keeps its own apply.
+  struct Counting : SoftwareFilterCLAHE {
+    using SoftwareFilterCLAHE::SoftwareFilterCLAHE;
+    int calls = 0;
+    void apply(std::vector<std::shared_ptr<Buffer2D>> const&, std::vector<Rect> const&,
+               std::vector<std::shared_ptr<Buffer2D>> const&, std::vector<Rect> const&,
+               SingleFilterParameters const&) override {
+      ++calls;
+    }
+  } counting{pointFilter("FilterCLAHE", 1, 48, 48, 3, 3, 16)};
+  auto image = makeImage(81, 41, randomImage(81, 41, gen));
+  std::vector<int16_t> const before = samplesOf(*image);
+  kernel::applyOnWorker(counting, scratch, {image}, {Rect{}}, {image}, {{0, 0, 81, 41}}, clahe(2));
+  EXPECT_EQ(counting.calls, 1);
+  EXPECT_EQ(samplesOf(*image), before);
 }
 
 TEST(ClaheClipLimit, IsRoundedToFloatAndRaisedToOne) {
@@ -276,7 +306,7 @@ TEST(ClaheClipLimit, IsRoundedToFloatAndRaisedToOne) {
   EXPECT_TRUE(std::isinf(SoftwareFilterCLAHE::effectiveClipLimit(1e300)));
 }
 
-TEST(Clahe, ClipLimitOneGivesLimitSixOnAFullTile) {
+TEST(Clahe, ClipsAndMapsKnownTiles) {
   CLAHE c;
   c.configure(40, 40, 1.0);
   std::vector<uint32_t> h(256, 0);
@@ -289,233 +319,151 @@ TEST(Clahe, ClipLimitOneGivesLimitSixOnAFullTile) {
   g[9] = 1600;
   c.clipHistogram(g.data(), 1600);
   EXPECT_EQ(g[9], 1600u);
+  // A constant tile at limit 6: every bin ends at the limit (64 counts find no room), so
+  // bin b maps to 6 (b + 1) / 1600 of the range.
+  c.clipLimit = 1.0;
+  std::vector<int16_t> samples(3 * 1600, 100);
+  c.computeMappings(samples.data());
+  for (size_t b = 0; b < 256; ++b) {
+    EXPECT_EQ(c.mappings[b], static_cast<uint32_t>(6.0 * (b + 1) * (255.0 / 1600))) << b;
+  }
+  // Samples outside 0..255 land in the end bins. Half of them in bin 0 and half in bin
+  // 255, unclipped: the scale 255 / 1600 is rounded down in double, so the full count maps
+  // just short of 255 and truncates to 254.
+  for (auto [sample, bin] :
+       {std::pair<int16_t, size_t>{-1, 0}, {-32768, 0}, {256, 255}, {32767, 255}, {77, 77}}) {
+    EXPECT_EQ(c.sampleIndex(sample), bin) << sample;
+  }
+  c.clipLimit = 1e9;
+  for (size_t i = 0; i < 1600; ++i) {
+    samples[3 * i] = static_cast<int16_t>(i % 2 ? 300 + i : -1 - static_cast<int>(i));
+  }
+  c.computeMappings(samples.data());
+  EXPECT_EQ(c.mappings[0], 127u);
+  EXPECT_EQ(c.mappings[254], 127u);
+  EXPECT_EQ(c.mappings[255], 254u);
 }
 
 TEST(Clahe, ClippingMatchesTheReferenceOnRandomHistograms) {
   // Skewed histograms of full and small tiles: bins far over the limit, bins just under it
-  // (filled only up to the limit), and excesses from none to many times the bin count.
+  // (filled only up to the limit), and excesses from none to many times the bin count. On
+  // every target, the vector fold and clip of a tile's four count sets, followed by the
+  // spreading of what is left, gives clipHistogram's result.
   std::mt19937 rng(17);
   testing::forEachSimdTarget([&] {
     for (int i = 0; i < 1000; ++i) {
       int64_t const pixels = i % 3 == 0 ? 1 + rng() % 200 : 1600;
-      double const clip = 1.0 + (rng() % 400) / 40.0;
+      double const clip = i % 50 == 0 ? 1e9 : 1.0 + (rng() % 400) / 40.0;
       std::vector<uint32_t> h(kBins, 0);
       int const spread = 1 + static_cast<int>(rng() % kBins);
       for (int64_t p = 0; p < pixels; ++p) ++h[(rng() % spread) * (i % 2 ? 1 : 255 / spread)];
+      std::vector<uint16_t> sets(4 * kBins);
+      for (size_t b = 0; b < sets.size(); ++b)
+        sets[b] = static_cast<uint16_t>((h[b % 256] + b / 256) / 4);
       Histogram expected(h.begin(), h.end());
       refClip(expected, pixels, clip);
       CLAHE c;
       c.configure(40, 40, clip);
       c.clipHistogram(h.data(), static_cast<size_t>(pixels));
       ASSERT_EQ(Histogram(h.begin(), h.end()), expected) << "case " << i;
+      uint64_t const limit = c.clipLimitFor(static_cast<size_t>(pixels));
+      std::vector<uint32_t> folded(kBins, 7);
+      int32_t const left = clahe_detail::foldAndClip(
+          sets.data(), folded.data(), static_cast<int32_t>(std::min<uint64_t>(limit, 32767)));
+      clahe_detail::spreadExcess(folded.data(), kBins, limit, left);
+      ASSERT_EQ(folded, h) << "case " << i;
+      ASSERT_EQ(sets, std::vector<uint16_t>(4 * kBins, 0));
     }
   });
-}
-
-TEST(Clahe, ConstantTileGivesARamp) {
-  CLAHE c;
-  c.configure(40, 40, 1.0);
-  std::vector<int16_t> samples(3 * 1600, 100);
-  c.computeMappings(samples.data());
-  // Every bin ends at the limit 6 (64 counts find no room), so bin b maps to 6 (b + 1) / 1600
-  // of the range.
-  for (size_t b = 0; b < 256; ++b) {
-    EXPECT_EQ(c.mappings[b], static_cast<uint32_t>(6.0 * (b + 1) * (255.0 / 1600))) << b;
-  }
-}
-
-TEST(Clahe, OutOfRangeSamplesLandInTheEndBins) {
-  CLAHE c;
-  c.configure(40, 40, 1e9);
-  for (auto [sample, bin] :
-       {std::pair<int16_t, size_t>{-1, 0}, {-32768, 0}, {256, 255}, {32767, 255}, {77, 77}}) {
-    EXPECT_EQ(c.sampleIndex(sample), bin) << sample;
-  }
-  std::vector<int16_t> samples(3 * 1600);
-  for (size_t i = 0; i < 1600; ++i) {
-    samples[3 * i] = static_cast<int16_t>(i % 2 ? 300 + i : -1 - static_cast<int>(i));
-  }
-  c.computeMappings(samples.data());
-  // Half the samples in bin 0 and half in bin 255, unclipped. The scale 255 / 1600 is
-  // rounded down in double, so the full count maps just short of 255 and truncates to 254.
-  EXPECT_EQ(c.mappings[0], 127u);
-  EXPECT_EQ(c.mappings[254], 127u);
-  EXPECT_EQ(c.mappings[255], 254u);
 }
 
 TEST(Clahe, InterpolatesExactlyLikeTheDoubleFormula) {
-  // Every numerator the packed path can meet, for each block area (20 or 40 on a side):
-  // scaled to the area 1600, the shift-multiply division equals the double formula.
-  for (uint32_t area : {400u, 800u, 1600u}) {
-    for (uint32_t num = 0; num <= 255 * area; ++num) {
-      auto const want = static_cast<uint32_t>(static_cast<double>(num) / area + 0.5);
-      ASSERT_EQ(clahe_detail::divideRounded1600(num * (1600 / area)), want) << num << " / " << area;
-    }
-  }
+  // Mappings set by hand, on every target: byte mappings take the vector rows, wider ones
+  // the general path; both follow the formula, in the rectangle asked for only.
   std::mt19937 gen(11);
-  // Mappings beyond one byte take the wide path; both must follow the formula.
-  for (uint32_t top : {255u, 40000u}) {
-    CLAHE c;
-    c.configure(100, 90, 2.0);
-    std::uniform_int_distribution<uint32_t> entry(0, top);
-    for (auto& m : c.mappings) m = entry(gen);
-    std::vector<int16_t> samples(3 * 100 * 90);
-    std::uniform_int_distribution<int> s(-10, 270);
-    for (auto& v : samples) v = static_cast<int16_t>(s(gen));
-    std::vector<int16_t> const before = samples;
-    c.interpolate(samples.data(), 3, 5, 1000, 1000);
-    for (int r = 0; r < 100; ++r) {
-      for (int col = 0; col < 90; ++col) {
-        size_t const at = 3 * (r * 90 + col);
-        if (r < 3 || col < 5) {
-          ASSERT_EQ(samples[at], before[at]);
-          continue;
-        }
-        int const b = std::clamp<int>(before[at], 0, 255);
-        auto m = [&](int tr, int tc) { return double(c.mappings[(tr * 3 + tc) * 256 + b]); };
-        double const v = refMix(m, r, col, 3, 3);
-        ASSERT_EQ(samples[at], static_cast<int16_t>(static_cast<uint16_t>(v)))
-            << r << ", " << col << " top " << top;
-      }
-    }
-  }
-}
-
-TEST(Clahe, VectorRowKernelsMatchTheScalarFormsOnEveryTarget) {
-  std::mt19937 gen(5);
-  std::uniform_int_distribution<int> s(-300, 600), w(0, 40), base(0, 3);
-  std::uniform_int_distribution<uint32_t> word;
-  std::vector<uint32_t> tables(4 * 256);
-  for (auto& t : tables) t = word(gen);
-  quorvel::testing::forEachSimdTarget([&] {
-    for (size_t count = 0; count <= 100; ++count) {
-      std::vector<int16_t> samples(3 * count + 3);
+  testing::forEachSimdTarget([&] {
+    for (uint32_t top : {255u, 40000u}) {
+      CLAHE c;
+      c.configure(100, 90, 2.0);
+      std::uniform_int_distribution<uint32_t> entry(0, top);
+      for (auto& m : c.mappings) m = entry(gen);
+      std::vector<int16_t> samples(3 * 100 * 90);
+      std::uniform_int_distribution<int> s(-10, 270);
       for (auto& v : samples) v = static_cast<int16_t>(s(gen));
-      std::vector<uint8_t> bins(count + 1, 77), want(count + 1, 77);
-      clahe_detail::extractBins(samples.data(), bins.data(), count);
-      clahe_detail::extractBinsScalar(samples.data(), want.data(), count);
-      ASSERT_EQ(bins, want) << count;
-
-      std::vector<int32_t> colBase(count), left(count), right(count);
-      for (size_t i = 0; i < count; ++i) {
-        colBase[i] = base(gen) * 256;
-        left[i] = w(gen);
-        right[i] = 40 - left[i];
-      }
-      int32_t const up = w(gen);
-      std::vector<int16_t> got = samples, expected = samples;
-      clahe_detail::interpolateRow40(got.data(), count, 3, 255, tables.data(), colBase.data(),
-                                     left.data(), right.data(), up, 40 - up);
-      clahe_detail::interpolateRow40Scalar(expected.data(), count, 3, 255, tables.data(),
-                                           colBase.data(), left.data(), right.data(), up, 40 - up);
-      ASSERT_EQ(got, expected) << count;
-
-      // The byte-plane form, starting anywhere in a column block.
-      std::vector<uint8_t> planes(5 * 1024), scratch(5 * count);
-      for (auto& t : planes) t = static_cast<uint8_t>(word(gen));
-      std::vector<uint16_t> left16(left.begin(), left.end()), right16(right.begin(), right.end());
-      size_t const first = count * 7 % 41;
-      expected = samples;
-      clahe_detail::interpolateRowBytesScalar(expected.data(), count, first, planes.data(),
-                                              left16.data(), right16.data(), up, 40 - up);
-      for (uint8_t const* given : std::array<uint8_t const*, 2>{nullptr, want.data()}) {
-        // With the bins given, the finished pixels are also copied out (and nothing more),
-        // to a line-aligned target, with streaming stores for every other count.
-        got = samples;
-        std::vector<int16_t> buffer(3 * count + 3 + 32, -9);
-        int16_t* copied =
-            buffer.data() + (64 - reinterpret_cast<uintptr_t>(buffer.data()) % 64) % 64 / 2;
-        clahe_detail::interpolateRowBytes(got.data(), given, count, first, planes.data(),
-                                          left16.data(), right16.data(), up, 40 - up,
-                                          scratch.data(), given ? copied : nullptr, count % 2 == 0);
-        ASSERT_EQ(got, expected) << count << " from column " << first
-                                 << (given ? " with bins" : "");
-        if (given) {
-          expected[3 * count] = expected[3 * count + 1] = expected[3 * count + 2] = -9;
-          ASSERT_EQ(std::vector<int16_t>(copied, copied + 3 * count + 3), expected)
-              << count << " from column " << first;
-          std::copy_n(samples.begin() + 3 * count, 3, expected.begin() + 3 * count);
+      std::vector<int16_t> const before = samples;
+      c.interpolate(samples.data(), 3, 5, 1000, 71);
+      for (int r = 0; r < 100; ++r) {
+        for (int col = 0; col < 90; ++col) {
+          size_t const at = 3 * (r * 90 + col);
+          int const b = std::clamp<int>(before[at], 0, 255);
+          auto m = [&](int tr, int tc) { return double(c.mappings[(tr * 3 + tc) * 256 + b]); };
+          auto const v = static_cast<int16_t>(static_cast<uint16_t>(refMix(m, r, col, 3, 3)));
+          bool const inside = r >= 3 && col >= 5 && col < 76;
+          ASSERT_EQ(samples[at], inside ? v : before[at]) << r << ", " << col << " top " << top;
         }
       }
     }
   });
 }
 
-TEST(Clahe, TileMappingStepsMatchTheScalarFormsOnEveryTarget) {
-  // The fold and clipping of the four count sets, and the cumulative levels, on histograms
-  // of 1600 counts spread from one bin to all of them.
-  std::mt19937 gen(13);
-  double const scale = 255.0 / 1600;
-  quorvel::testing::forEachSimdTarget([&] {
-    for (int spread : {1, 3, 40, 256}) {
-      std::vector<uint16_t> counts(4 * 256, 0);
-      std::vector<uint32_t> want(256, 0);
-      for (int p = 0; p < 1600; ++p) {
-        size_t const bin = gen() % spread * (255 / std::max(1, spread - 1));
-        ++counts[p % 4 * 256 + bin];
-        ++want[bin];
-      }
-      // The fold and clip against the passes written out, for limits that cut everything,
-      // some bins or nothing (which leaves the plain fold).
-      for (int32_t limit : {1, 6, 12, 40, 2000}) {
-        std::vector<uint16_t> sets = counts;
-        std::vector<uint32_t> clipped = want;
-        int32_t excess = 0;
-        for (uint32_t v : want) excess += std::max(static_cast<int32_t>(v) - limit, 0);
-        int32_t left = excess;
-        if (excess > 0) {
-          int32_t const inc = excess / 256;
-          for (auto& v : clipped) {
-            auto const c = static_cast<int32_t>(v);
-            left -= c > limit ? 0 : std::min(inc, limit - c);
-            v = static_cast<uint32_t>(c > limit - inc ? limit : c + inc);
-          }
-        }
-        std::vector<uint32_t> fused(256, 7);
-        ASSERT_EQ(clahe_detail::foldAndClip(sets.data(), fused.data(), limit), left);
-        ASSERT_EQ(fused, clipped) << spread << " at limit " << limit;
-        ASSERT_EQ(sets, std::vector<uint16_t>(4 * 256, 0));
-      }
-      std::vector<uint32_t> got = want;
-      uint32_t sum = 0;
-      for (auto& w : want) w = static_cast<uint32_t>((sum += w) * scale);
-      clahe_detail::cumulativeLevels(got.data(), scale, 255);
-      ASSERT_EQ(got, want) << spread;
-    }
-  });
-}
-
-TEST(Clahe, BandedEqualisationEqualsTheTwoPasses) {
+TEST(Clahe, VectorStepsMatchTheGeneralPathOnEveryTarget) {
+  // The standard grid equalises band by band with the vector steps, reusing the bins it
+  // counted and writing each finished row to a copy (streamed where asked). The same image
+  // with a fourth channel takes the general scalar path in two passes. Both agree on every
+  // target: in the rows reported final as they are reported, in the copy, and in the two
+  // tile rows of mappings the banded run keeps (tile row t in slot t % 2).
   std::mt19937 gen(9);
-  for (auto [w, h, r0, c0] : {std::array<size_t, 4>{81, 97, 0, 0},
-                              {120, 160, 40, 0},
-                              {163, 41, 0, 40},
-                              {200, 219, 40, 40}}) {
-    std::vector<int16_t> samples = randomImage(static_cast<int>(w), static_cast<int>(h), gen);
-    std::vector<int16_t> want = samples;
-    CLAHE a, b;
-    a.configure(h, w, 3.0);
-    b.configure(h, w, 3.0);
-    a.computeMappings(want.data());
-    a.interpolate(want.data(), r0, c0, h - r0, w - c0);
-    size_t last = 0;
-    b.equalize(samples.data(), r0, c0, [&](size_t rows) {
-      // Rows reported final never change again.
-      ASSERT_GE(rows, last);
-      for (size_t i = 0; i < 3 * rows * w; ++i) ASSERT_EQ(samples[i], want[i]) << i;
-      last = rows;
+  struct Case {
+    size_t w, h, r0, c0;
+    double clip;
+    bool stream;
+  };
+  for (Case const& t : {Case{81, 97, 0, 0, 3.0, false}, Case{128, 160, 40, 0, 1.0, true},
+                        Case{163, 41, 0, 40, 2.0, true}, Case{200, 219, 40, 40, 1e9, false}}) {
+    SCOPED_TRACE(::testing::Message() << t.w << " x " << t.h << " from " << t.r0 << ", " << t.c0);
+    std::vector<int16_t> image = randomImage(static_cast<int>(t.w), static_cast<int>(t.h), gen);
+    std::fill_n(image.begin(), 3 * t.w * 30, int16_t{40});  // flat tiles, whose bins all clip
+    // The general path: rgb becomes rgb-, then back.
+    std::vector<int16_t> general(image.size() / 3 * 4, -5), want(image.size());
+    for (size_t p = 0; p < t.w * t.h; ++p) std::copy_n(&image[3 * p], 3, &general[4 * p]);
+    CLAHE b;
+    b.configure(t.h, t.w, t.clip);
+    b.channels = 4;
+    b.computeMappings(general.data());
+    b.interpolate(general.data(), t.r0, t.c0, t.h, t.w);
+    for (size_t p = 0; p < t.w * t.h; ++p) std::copy_n(&general[4 * p], 3, &want[3 * p]);
+    // Copy rows that start on 64 bytes, so that streaming stores apply.
+    size_t const stride = (3 * (t.w - t.c0) + 31) / 32 * 32;
+    std::vector<int16_t> buffer(stride * t.h + 32);
+    int16_t* rows = buffer.data() + (64 - reinterpret_cast<uintptr_t>(buffer.data()) % 64) % 64 / 2;
+    testing::forEachSimdTarget([&] {
+      std::vector<int16_t> samples = image;
+      CLAHE a;
+      a.configure(t.h, t.w, t.clip);
+      size_t last = 0;
+      a.equalize(
+          samples.data(), t.r0, t.c0,
+          [&](size_t done) {
+            ASSERT_GE(done, last);
+            ASSERT_TRUE(
+                std::equal(samples.begin(), samples.begin() + 3 * done * t.w, want.begin()));
+            last = done;
+          },
+          ClaheRowCopy{rows, stride, t.r0, t.h - t.r0, t.stream});
+      EXPECT_EQ(last, t.h);
+      ASSERT_EQ(samples, want);
+      for (size_t r = t.r0; r < t.h; ++r) {
+        int16_t const* row = rows + (r - t.r0) * stride;
+        ASSERT_TRUE(std::equal(row, row + 3 * (t.w - t.c0), &want[3 * (r * t.w + t.c0)])) << r;
+      }
+      size_t const rowSize = a.tileCols * 256;
+      ASSERT_EQ(a.mappings.size(), std::min<size_t>(a.tileRows, 2) * rowSize);
+      for (size_t tr = a.tileRows - a.mappings.size() / rowSize; tr < a.tileRows; ++tr) {
+        EXPECT_TRUE(std::equal(&a.mappings[tr % 2 * rowSize], &a.mappings[(tr % 2 + 1) * rowSize],
+                               &b.mappings[tr * rowSize]))
+            << "tile row " << tr;
+      }
     });
-    EXPECT_EQ(last, h);
-    EXPECT_EQ(samples, want);
-    // The banded run keeps the last two tile rows of mappings, tile row t in slot t % 2.
-    size_t const rowSize = a.tileCols * 256;
-    ASSERT_EQ(b.mappings.size(), std::min<size_t>(a.tileRows, 2) * rowSize);
-    for (size_t t = a.tileRows - b.mappings.size() / rowSize; t < a.tileRows; ++t) {
-      EXPECT_TRUE(std::equal(b.mappings.begin() + (t % 2) * rowSize,
-                             b.mappings.begin() + (t % 2 + 1) * rowSize,
-                             a.mappings.begin() + t * rowSize))
-          << "tile row " << t;
-    }
   }
 }
 

@@ -110,33 +110,40 @@ class QUORVEL_API CLAHE {
     size_t const slot = mappingSlots_ == 0 ? tileRow : tileRow % mappingSlots_;
     return mappings.data() + (slot * tileCols + tileCol) * numBins;
   }
+  // Whether the members describe the grid that the vector steps serve (see configure()).
+  bool standardGrid() const;
+  void countTileRow(int16_t const* samples, size_t tileRow);
+  // Interpolates rows [r0, r1), columns [c0, c1), one block row (rows between two tile
+  // centres) at a time; prepareColumns(c0, c1) comes first.
+  void prepareColumns(size_t c0, size_t c1);
+  void interpolateRows(int16_t* samples, size_t r0, size_t c0, size_t r1, size_t c1,
+                       ClaheRowCopy const& copy);
+  void interpolateRowsGeneral(int16_t* samples, size_t r0, size_t c0, size_t r1, size_t c1,
+                              ClaheRowCopy const& copy);
+  // The mappings of a tile row as bytes, or null if one of them exceeds a byte.
+  uint8_t const* tileRowBytes(size_t tileRow);
+
+  static constexpr size_t kNone = ~size_t{0};
+  // standardGrid(), decided by each public step for the private ones it calls.
+  bool standard_ = false;
   // Tile rows of mappings held (tile row t in slot t % mappingSlots_); 0: all of them.
   size_t mappingSlots_ = 0;
-  struct PackedGrid;
-  // The clamped samples of the last two tile rows counted (two slots of tileSize rows of
-  // histWidth bytes) and which tile row each slot holds; the banded equalisation reads them
-  // back instead of extracting the same rows again.
-  static constexpr size_t kNoBand = ~size_t{0};
+  // The bins of the last two tile rows counted on the standard grid (two slots of tileSize
+  // rows of histWidth bytes) and which tile row each slot holds: the banded equalisation
+  // interpolates the same rows soon after and reads them back.
   std::vector<uint8_t> bandBins_;
-  std::array<size_t, 2> binsBand_{kNoBand, kNoBand};
-  // The steps of clipHistogram: cut and share in 32 or 64 bits (returning what is left of
-  // the excess), then spread the rest.
-  int64_t clipCounts32(uint32_t* histogram, int32_t limit) const;
-  int64_t clipCounts64(uint32_t* histogram, uint64_t limit, int64_t excess) const;
-  void spreadExcess(uint32_t* histogram, uint64_t limit, int64_t excess) const;
-  bool fastBins() const;
-  void countTileRow(int16_t const* samples, size_t tr, std::vector<uint32_t>& counts,
-                    std::vector<uint16_t>& fastCounts);
-  void prepareInterpolation(PackedGrid& grid, size_t c0, size_t c1) const;
-  void interpolateRows(PackedGrid& grid, int16_t* samples, size_t r0, size_t c0, size_t r1,
-                       size_t c1, ClaheRowCopy const& copy);
-  void interpolatePacked(PackedGrid& grid, int16_t* samples, size_t r0, size_t c0, size_t r1,
-                         size_t c1, ClaheRowCopy const& copy);
-  void interpolateWide(int16_t* samples, size_t r0, size_t c0, size_t r1, size_t c1,
-                       ClaheRowCopy const& copy);
-  // Copies columns [c0, c1) of row r, once final, where `copy` wants that row.
-  void copyRow(ClaheRowCopy const& copy, int16_t const* samples, size_t r, size_t c0,
-               size_t c1) const;
+  std::array<size_t, 2> binsBand_{kNone, kNone};
+  // The working storage of the standard grid, kept with the object so that a reused one
+  // allocates nothing: four interleaved 16-bit count sets of one tile; the weights of the
+  // right-hand tiles in the columns prepared; the mappings of two tile rows as bytes (tile
+  // row t in slot t % 2), narrowed once for the two block rows that read them, with the tile
+  // row each slot holds and whether its mappings fit; the bins and looked-up planes of a row.
+  std::vector<uint16_t> counts_;
+  std::vector<int32_t> weights_;
+  std::vector<uint8_t> tileBytes_;
+  std::array<size_t, 2> bytesFor_{kNone, kNone};
+  std::array<bool, 2> bytesFit_{false, false};
+  std::vector<uint8_t> rowScratch_;
 };
 
 /// "FilterCLAHE": equalises the first channel of a 3 x int16 source in place (sources of
