@@ -16,6 +16,9 @@
 #include <vector>
 
 #include "fixtures.hpp"
+#include "kernels/display/lut_rows.hpp"
+#include "kernels/display/matrix_rows.hpp"
+#include "kernels/display/sharpness_rows.hpp"
 #include "quorvel/render.hpp"
 
 namespace quorvel::bench {

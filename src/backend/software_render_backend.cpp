@@ -7,6 +7,7 @@
 #include "backend/renderer.hpp"
 #include "backend/shared_caches.hpp"
 #include "backend/staging_buffer.hpp"
+#include "buffers/buffer_texts.hpp"
 #include "quorvel/context/render_context.hpp"
 #include "quorvel/kernels/registry.hpp"
 

@@ -10,6 +10,7 @@
 
 #include <tbb/scalable_allocator.h>
 
+#include "buffers/buffer_texts.hpp"
 #include "buffers/stream_copy.hpp"
 
 namespace quorvel {

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <numeric>
 
+#include "buffers/buffer_texts.hpp"
 #include "support/test_util.hpp"
 
 namespace quorvel {

@@ -10,6 +10,7 @@
 #include <typeinfo>
 
 #include "filters/kernel_frame.hpp"
+#include "kernels/display/lut_rows.hpp"
 #include "kernels/simd_targets.hpp"
 #include "support/test_util.hpp"
 

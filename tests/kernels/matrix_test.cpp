@@ -9,6 +9,7 @@
 #include <type_traits>
 
 #include "filters/kernel_frame.hpp"
+#include "kernels/display/matrix_rows.hpp"
 #include "kernels/simd_targets.hpp"
 #include "support/test_util.hpp"
 

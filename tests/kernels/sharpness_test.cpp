@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "kernels/display/sharpness_rows.hpp"
 #include "kernels/simd_targets.hpp"
 #include "support/buffers.hpp"
 #include "support/test_util.hpp"

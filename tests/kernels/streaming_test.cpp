@@ -11,6 +11,7 @@
 #include <functional>
 #include <random>
 
+#include "kernels/display/sharpness_rows.hpp"
 #include "kernels/simd_targets.hpp"
 #include "quorvel/kernels/display/sharpness.hpp"
 #include "quorvel/kernels/reconstruction/conversions.hpp"

@@ -71,18 +71,10 @@ class QUORVEL_API Buffer2D : public Canvas {
 template <class T>
 using PixelAllocator = std::allocator<T>;
 #else
-namespace buffer_detail {
-/// Pixel storage of at least this many bytes starts on a 2 MiB boundary and is offered to
-/// the kernel for transparent huge pages: render targets and whole-image buffers are
-/// streamed through end to end, and with 4 KiB pages such a walk misses the TLB at every
-/// page (a 100 MB copy ran about 15% faster on huge pages). Smaller buffers, tiles among
-/// them, stay in the allocator's pools, where rounding to 2 MiB would waste memory.
-inline constexpr size_t kHugePageBytes = size_t{4} << 20;
-}  // namespace buffer_detail
-
 // Exported: a host's own Buffer2DVector storage comes from the library's pools as well.
-/// Scalable-allocator storage of `bytes`, the large blocks aligned and advised as above;
-/// throws std::bad_alloc when there is no memory.
+/// Scalable-allocator storage of `bytes`; blocks of a few MiB and more start on a 2 MiB
+/// boundary and are offered for transparent huge pages. Throws std::bad_alloc when there
+/// is no memory.
 QUORVEL_API void* allocatePixelBytes(size_t bytes);
 /// Frees what allocatePixelBytes(bytes) returned, given the same byte count.
 QUORVEL_API void freePixelBytes(void* p, size_t bytes) noexcept;
@@ -185,22 +177,6 @@ class QUORVEL_API Buffer2DVector final : public Buffer2D {
   std::unique_ptr<Storage> storage_;
   size_t pixelCount_ = 0;
 };
-
-namespace buffer_detail {
-// Location texts of buffer failures; the same for every pixel type.
-inline constexpr char kSetPixels[] =
-    "void Buffer2D<PixelType>::setPixels(void* buffer, size_t bufferSize,byteOffset)";
-inline constexpr char kGetPixels[] =
-    "void Buffer2D<PixelType>::getPixels(void* buffer, size_t bufferSize,size_t x, size_t y, "
-    "size_t width, size_t height)";
-inline constexpr char kClear[] = "void Buffer2D<PixelType>::clear(PixelType const& color)";
-inline constexpr char kClearRect[] =
-    "void Buffer2D<PixelType>::clearRect(PixelType const& color,size_t x, size_t y, size_t "
-    "width, size_t height)";
-inline constexpr char kCast[] = "void Buffer2D<PixelType>::cast(shared_ptr<IBuffer2D> buffer)";
-inline constexpr char kOutOfBounds[] = "out of bounds check failed";
-inline constexpr char kNoData[] = "buffer data does not exist";
-}  // namespace buffer_detail
 
 // The typed operations are defined once in buffer2d.cpp and instantiated there for the ten
 // pixel types.

@@ -17,10 +17,6 @@ namespace quorvel {
 
 class DataEnvelopes;
 
-namespace params_detail {
-inline constexpr char kCastLocation[] = "T& SingleFilterParameters::as<T>()";
-}  // namespace params_detail
-
 /// Base of every parameter set.
 class QUORVEL_API SingleFilterParameters {
  public:
@@ -33,7 +29,7 @@ class QUORVEL_API SingleFilterParameters {
   T& as() {
     auto* typed = dynamic_cast<T*>(this);
     if (typed == nullptr) {
-      throw QuorvelException("Filter parameters cast failed", params_detail::kCastLocation);
+      throw QuorvelException("Filter parameters cast failed", kCastLocation);
     }
     return *typed;
   }
@@ -44,6 +40,9 @@ class QUORVEL_API SingleFilterParameters {
 
   /// Strength divider of the sharpness kernels: their strength is shifted right by it.
   int32_t level = 0;
+
+ private:
+  static constexpr char kCastLocation[] = "T& SingleFilterParameters::as<T>()";
 };
 
 /// Implements clone() for T by copy construction.

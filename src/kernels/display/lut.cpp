@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "filters/kernel_frame.hpp"
+#include "kernels/display/lut_rows.hpp"
 
 namespace quorvel {
 namespace {

@@ -15,6 +15,7 @@
 
 #include <algorithm>
 
+#include "kernels/display/lut_rows.hpp"
 #include "quorvel/kernels/display/lut.hpp"
 #include "simd/lane_ops-inl.h"
 

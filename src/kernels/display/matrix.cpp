@@ -5,6 +5,7 @@
 #include <type_traits>
 
 #include "filters/kernel_frame.hpp"
+#include "kernels/display/matrix_rows.hpp"
 
 namespace quorvel {
 namespace matrix_detail {

@@ -21,6 +21,7 @@
 #include <cstdlib>
 #include <type_traits>
 
+#include "kernels/display/matrix_rows.hpp"
 #include "quorvel/kernels/display/matrix.hpp"
 #include "simd/lane_ops-inl.h"
 

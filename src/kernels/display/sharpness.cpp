@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "filters/kernel_frame.hpp"
+#include "kernels/display/sharpness_rows.hpp"
 
 namespace quorvel {
 namespace sharpness_detail {

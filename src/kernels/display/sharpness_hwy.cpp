@@ -10,6 +10,7 @@
 
 #include <array>
 
+#include "kernels/display/sharpness_rows.hpp"
 #include "kernels/prefetch_ahead.hpp"
 #include "quorvel/kernels/display/sharpness.hpp"
 #include "simd/lane_ops-inl.h"

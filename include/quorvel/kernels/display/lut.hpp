@@ -157,23 +157,4 @@ extern template class SoftwareFilterLinearTo8bitSRGB<uint8_t, 4, uint8_t, 4>;
 extern template class SoftwareFilterLinearTo8bitSRGB<int16_t, 3, uint8_t, 4>;
 extern template class SoftwareFilterLinear16TosRGB8<int16_t, 3, uint8_t, 4>;
 
-namespace lut_detail {
-
-/// Maps `width` pixels of 4 x uint8 through `table` (256 entries, already clamped to the
-/// table's last entry), copying alpha. Vectorised; equal to the scalar form.
-void applyLutRgba8(uint8_t const* table256, uint8_t const* in, uint8_t* out, size_t width);
-
-/// Maps `width` pixels of 3 x int16 through `lut` (index clamped to [0, maxIndex]) to
-/// 4 x uint8 with alpha 255. `lut` must hold maxIndex + 4 readable bytes. Vectorised; equal
-/// to the scalar form.
-void applyLutRgbS16(uint8_t const* lut, int32_t maxIndex, int16_t const* in, uint8_t* out,
-                    size_t width);
-
-/// Scalar forms of the two row kernels, the reference of the vector ones.
-void applyLutRgba8Scalar(uint8_t const* table256, uint8_t const* in, uint8_t* out, size_t width);
-void applyLutRgbS16Scalar(uint8_t const* lut, int32_t maxIndex, int16_t const* in, uint8_t* out,
-                          size_t width);
-
-}  // namespace lut_detail
-
 }  // namespace quorvel
