@@ -136,6 +136,15 @@ HWY_INLINE hn::Vec512<T> MaskedTableWords(hn::Vec512<T> no, uint32_t laneBits,
                                                      index.raw, table.raw)};
 }
 
+/// The same on 256-bit vectors: table[index[j] % 16] where bit j of laneBits is set.
+template <typename T>
+HWY_INLINE hn::Vec256<T> MaskedTableWords(hn::Vec256<T> no, uint32_t laneBits,
+                                          hn::Vec256<uint16_t> index, hn::Vec256<T> table) {
+  static_assert(sizeof(T) == 2, "16-bit lanes");
+  return hn::Vec256<T>{_mm256_mask_permutexvar_epi16(no.raw, static_cast<__mmask16>(laneBits),
+                                                     index.raw, table.raw)};
+}
+
 /// Each 128-bit block: the block of a, then the block of b, saturated to 0..255.
 HWY_INLINE hn::Vec512<uint8_t> PackU8(hn::Vec512<int16_t> a, hn::Vec512<int16_t> b) {
   return hn::Vec512<uint8_t>{_mm512_packus_epi16(a.raw, b.raw)};

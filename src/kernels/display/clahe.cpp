@@ -30,6 +30,14 @@ Block blockOf(size_t index, size_t tileSize, size_t tiles) {
   return {index * tileSize - half, static_cast<uint32_t>(tileSize), before, after};
 }
 
+// Whether the bin table has one entry per grey level, each a bin that exists: members set
+// by hand may describe something else, which the interpolation leaves alone.
+bool binTableValid(CLAHE const& c) {
+  return c.binLut.size() == static_cast<size_t>(int64_t{c.maxValue} - c.minValue + 1) &&
+         std::all_of(c.binLut.begin(), c.binLut.end(),
+                     [&](int32_t b) { return b >= 0 && static_cast<size_t>(b) < c.numBins; });
+}
+
 }  // namespace
 
 void clahe_detail::spreadExcess(uint32_t* histogram, size_t numBins, uint64_t limit,
@@ -303,11 +311,7 @@ void CLAHE::interpolate(int16_t* samples, size_t r0, size_t c0, size_t rowCount,
   }
   size_t const r1 = r0 + std::min(rowCount, height - r0);
   size_t const c1 = c0 + std::min(colCount, width - c0);
-  if (r1 == r0 || c1 == c0) return;
-  bool const binsValid = std::all_of(binLut.begin(), binLut.end(), [&](int32_t b) {
-    return b >= 0 && static_cast<size_t>(b) < numBins;
-  });
-  if (!binsValid || binLut.size() != static_cast<size_t>(int64_t{maxValue} - minValue + 1)) return;
+  if (r1 == r0 || c1 == c0 || !binTableValid(*this)) return;
   // The samples may have changed since they were counted.
   binsBand_ = {kNone, kNone};
   standard_ = standardGrid();
@@ -317,12 +321,8 @@ void CLAHE::interpolate(int16_t* samples, size_t r0, size_t c0, size_t rowCount,
 
 void CLAHE::equalize(int16_t* samples, size_t r0, size_t c0,
                      std::function<void(size_t)> const& rowsDone, ClaheRowCopy const& copy) {
-  bool const binsValid = std::all_of(binLut.begin(), binLut.end(), [&](int32_t b) {
-    return b >= 0 && static_cast<size_t>(b) < numBins;
-  });
   if (histHeight != height || histWidth != width || r0 >= height || c0 >= width || tileRows == 0 ||
-      tileCols == 0 || tileSize == 0 || !binsValid ||
-      binLut.size() != static_cast<size_t>(int64_t{maxValue} - minValue + 1)) {
+      tileCols == 0 || tileSize == 0 || !binTableValid(*this)) {
     computeMappings(samples);
     interpolate(samples, r0, c0, height - std::min(r0, height), width - std::min(c0, width));
     for (size_t r = r0; r < height && c0 < width; ++r) {

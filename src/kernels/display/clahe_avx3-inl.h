@@ -1,50 +1,53 @@
-// The steps of the CLAHE row kernels that take AVX-512 instructions which Highway does not
-// offer, each next to the form every other target uses. Included by clahe_hwy.cpp inside its
-// target namespace, once per target, hence no include guard.
+// The steps of the CLAHE row kernels that take the whole-vector permutes of AVX-512 VBMI
+// (simd/lane_ops-inl.h), each next to the form every other target uses. Included by clahe_hwy.cpp
+// inside its target namespace, once per target, hence no include guard.
 
 #if HWY_TARGET == HWY_AVX3_DL
 
 // Word permutes over the 48 samples of 16 pixels, held in a 512-bit and a 256-bit vector:
 // channel 0 gathered into pixel order, and put back into the lanes of channel 0 (mask bit q
 // set where lane q holds a channel-0 sample).
-struct alignas(64) WordIndex {
-  int16_t lanes[32];
-  uint32_t mask;
-};
-constexpr WordIndex Channel0Index() {
-  WordIndex w{};
-  for (int p = 0; p < 16; ++p) w.lanes[p] = static_cast<int16_t>(3 * p);
+constexpr lane_tables::WordIndex Channel0Index() {
+  lane_tables::WordIndex w{};
+  for (int p = 0; p < 16; ++p) w.words[p] = static_cast<uint16_t>(3 * p);
   return w;
 }
-constexpr WordIndex InsertIndex(int first, int count) {
-  WordIndex w{};
+constexpr lane_tables::WordIndex InsertIndex(int first, int count) {
+  lane_tables::WordIndex w{};
   for (int q = 0; q < count; ++q) {
     int const s = first + q;
-    w.lanes[q] = static_cast<int16_t>(s % 3 == 0 ? s / 3 : 0);
-    w.mask |= s % 3 == 0 ? uint32_t{1} << q : 0;
+    w.words[q] = static_cast<uint16_t>(s % 3 == 0 ? s / 3 : 0);
   }
   return w;
 }
-inline constexpr WordIndex kChannel0 = Channel0Index();
-inline constexpr WordIndex kInsertLow = InsertIndex(0, 32), kInsertHigh = InsertIndex(32, 16);
+constexpr uint32_t InsertMask(int first, int count) {
+  uint32_t m = 0;
+  for (int q = 0; q < count; ++q) m |= (first + q) % 3 == 0 ? uint32_t{1} << q : 0;
+  return m;
+}
+inline constexpr lane_tables::WordIndex kChannel0 = Channel0Index();
+inline constexpr lane_tables::WordIndex kInsertLow = InsertIndex(0, 32),
+                                        kInsertHigh = InsertIndex(32, 16);
+inline constexpr uint32_t kInsertLowMask = InsertMask(0, 32), kInsertHighMask = InsertMask(32, 16);
 
 HWY_INLINE hn::Vec256<int16_t> LoadChannel0(hn::Simd<int16_t, 16, 0> d, int16_t const* samples) {
   const hn::Full512<int16_t> dw;
+  const hn::Full512<uint16_t> du;
   auto const low = hn::LoadU(dw, samples);
   auto const high = hn::ZeroExtendVector(dw, hn::LoadU(d, samples + 32));
-  return hn::LowerHalf(hn::Vec512<int16_t>{
-      _mm512_permutex2var_epi16(low.raw, hn::Load(dw, kChannel0.lanes).raw, high.raw)});
+  return hn::LowerHalf(TwoTableWords(low, hn::Load(du, kChannel0.words), high));
 }
 
 HWY_INLINE void StoreChannel0(hn::Simd<int16_t, 16, 0> d, hn::Vec256<int16_t> value,
                               int16_t* samples, int16_t* copy, bool stream) {
   const hn::Full512<int16_t> dw;
-  hn::Vec512<int16_t> const low{_mm512_mask_permutexvar_epi16(
-      hn::LoadU(dw, samples).raw, kInsertLow.mask, hn::Load(dw, kInsertLow.lanes).raw,
-      hn::ZeroExtendVector(dw, value).raw)};
-  hn::Vec256<int16_t> const high{_mm256_mask_permutexvar_epi16(
-      hn::LoadU(d, samples + 32).raw, static_cast<__mmask16>(kInsertHigh.mask),
-      hn::Load(d, kInsertHigh.lanes).raw, value.raw)};
+  const hn::Full512<uint16_t> du;
+  const hn::Simd<uint16_t, 16, 0> duh;
+  auto const low =
+      MaskedTableWords(hn::LoadU(dw, samples), kInsertLowMask, hn::Load(du, kInsertLow.words),
+                       hn::ZeroExtendVector(dw, value));
+  auto const high = MaskedTableWords(hn::LoadU(d, samples + 32), kInsertHighMask,
+                                     hn::Load(duh, kInsertHigh.words), value);
   hn::StoreU(low, dw, samples);
   hn::StoreU(high, d, samples + 32);
   if (copy == nullptr) return;
@@ -70,8 +73,7 @@ HWY_INLINE void LookUpPlanes(uint8_t const* bins, size_t count, size_t firstColu
     auto const index = hn::MaskedLoad(m, d, bins + s);
     auto const upper = hn::RebindMask(d, hn::Lt(hn::BitCast(di, index), hn::Zero(di)));
     auto const lookUp128 = [&](uint8_t const* table) {
-      return hn::Vec512<uint8_t>{_mm512_permutex2var_epi8(hn::LoadU(d, table).raw, index.raw,
-                                                          hn::LoadU(d, table + 64).raw)};
+      return TwoTableBytes(hn::LoadU(d, table), index, hn::LoadU(d, table + 64));
     };
     uint8_t const* const tables[4] = {above + l, above + r, below + l, below + r};
     for (size_t p = 0; p < 4; ++p) {

@@ -17,6 +17,7 @@
 
 #include "kernels/display/clahe_rows.hpp"
 #include "kernels/prefetch_ahead.hpp"
+#include "simd/lane_ops-inl.h"
 
 #ifndef QUORVEL_CLAHE_HWY_ONCE
 #define QUORVEL_CLAHE_HWY_ONCE
@@ -91,10 +92,9 @@ HWY_INLINE void ExtractPixels(D d, int16_t const* samples, uint8_t* bins) {
 }
 
 void ExtractBins(int16_t const* samples, uint8_t* bins, size_t count) {
-  const hn::Rebind<int16_t, hn::ScalableTag<int32_t>> d;
-  size_t i = 0;
-  for (; i + hn::Lanes(d) <= count; i += hn::Lanes(d)) ExtractPixels(d, samples + 3 * i, bins + i);
-  for (; i < count; ++i) ExtractPixels(hn::CappedTag<int16_t, 1>(), samples + 3 * i, bins + i);
+  ForEachVector<false>(hn::Rebind<int16_t, hn::ScalableTag<int32_t>>(), 0, count,
+                       [=](auto d, size_t i, auto)
+                           QUORVEL_STEP { ExtractPixels(d, samples + 3 * i, bins + i); });
 }
 
 // Lanes(d) pixels of the mix, in int32 lanes, from their looked-up planes (`planeStep` bytes
