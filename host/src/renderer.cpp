@@ -105,12 +105,25 @@ Rect expand(Rect const& r, size_t by, size_t w, size_t h) {
   return {x0, y0, x1 - x0, y1 - y0};
 }
 
+// Calls f(bx, by) for each block of a level's grid of `tile`-pixel blocks that `area` touches.
+template <class F>
+void forEachBlock(Rect const& area, size_t tile, F f) {
+  for (size_t by = area.y / tile; by * tile < area.bottom(); ++by) {
+    for (size_t bx = area.x / tile; bx * tile < area.right(); ++bx) f(bx, by);
+  }
+}
+
 }  // namespace
 
 struct Renderer::Job {
   Rect rect;
   std::unique_ptr<Impl::Workspace> workspace;
   Impl::Lease lease;
+
+  // A workspace whose planes hold `area`, reused from the engine where one is idle.
+  void takeWorkspace(Impl& impl, Rect const& area, size_t outputTile) {
+    workspace = impl.takeWorkspace(std::max(area.width, area.height) + 4, outputTile);
+  }
 };
 
 // The 8-bit display steps of one output tile alternate between two targets; the last one
@@ -245,30 +258,26 @@ void Renderer::acquirePixels(size_t level, Rect const& area, Job& job) const {
   Impl& impl = engine_->impl();
   size_t const t = pyramid_.tile();
   std::vector<Impl::Unit> units;
-  for (size_t by = area.y / t; by * t < area.bottom(); ++by) {
-    for (size_t bx = area.x / t; bx * t < area.right(); ++bx) {
-      Impl::Unit u;
-      u.anchor = level, u.depth = 0, u.bx = bx, u.by = by;
-      units.push_back(u);
-    }
-  }
+  forEachBlock(area, t, [&](size_t bx, size_t by) {
+    Impl::Unit u;
+    u.anchor = level, u.depth = 0, u.bx = bx, u.by = by;
+    units.push_back(u);
+  });
   impl.acquire(*encoder_, tileBase_, units, job.lease);
-  job.workspace = impl.takeWorkspace(std::max(area.width, area.height) + 4, options_.outputTile);
+  job.takeWorkspace(impl, area, options_.outputTile);
 }
 
 void Renderer::drawPixels(size_t target, size_t level, Rect const& area) const {
   Impl& impl = engine_->impl();
   size_t const t = pyramid_.tile(), nx = width(level), ny = height(level);
-  for (size_t by = area.y / t; by * t < area.bottom(); ++by) {
-    for (size_t bx = area.x / t; bx * t < area.right(); ++bx) {
-      // The block lands at its place relative to the area; what lies outside it is clipped.
-      size_t const x = bx * t, y = by * t;
-      impl.instance->drawTiles(target, impl.blit8, {area.x, area.width, area.y, area.height},
-                               {0, area.width, 0, area.height},
-                               {std::min(t, nx - x), std::min(t, ny - y)}, {{0, 0}},
-                               {tileBase_ + pyramid_.pixelTileId(level, bx, by)}, {x, y});
-    }
-  }
+  forEachBlock(area, t, [&](size_t bx, size_t by) {
+    // The block lands at its place relative to the area; what lies outside it is clipped.
+    size_t const x = bx * t, y = by * t;
+    impl.instance->drawTiles(target, impl.blit8, {area.x, area.width, area.y, area.height},
+                             {0, area.width, 0, area.height},
+                             {std::min(t, nx - x), std::min(t, ny - y)}, {{0, 0}},
+                             {tileBase_ + pyramid_.pixelTileId(level, bx, by)}, {x, y});
+  });
 }
 
 void Renderer::renderTile(size_t level, Rect const& r, Display const& display, Job& job) const {
@@ -385,8 +394,7 @@ std::array<size_t, 3> Renderer::reconstruct(size_t level, Rect const& s, Rect co
   }
   impl.acquire(*encoder_, tileBase_, units, job.lease);
 
-  size_t const region = std::max(e.width, e.height) + 4;
-  job.workspace = impl.takeWorkspace(region, options_.outputTile);
+  job.takeWorkspace(impl, e, options_.outputTile);
   Impl::Workspace& ws = *job.workspace;
 
   // Inverse wavelet, coarsest depth first. Each channel's approximation stays in its own

@@ -181,8 +181,8 @@ class VipsSource final : public ImageSource {
       ImagePtr rgba =
           toRgba8(std::move(image), levelExtent(width_, level), levelExtent(height_, level));
       if (!rgba) fail(vips::takeError());
-      // Where the transform is needed (levels made from the level below, sharpening, CLAHE)
-      // the encoder reads each block with margins that reach a few pixels into every
+      // For the levels made through the transform (those between the file's own) the
+      // encoder reads each block with margins that reach a few pixels into every
       // neighbouring tile of the file: without a cache of decoded tiles, one block of a
       // tiled file costs nine tile decodes instead of about one and a half when a viewer
       // asks for a region. Files decoded whole need none.

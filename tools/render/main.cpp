@@ -137,8 +137,8 @@ int run(int argc, char** argv) {
       "Renders an image through the Quorvel render backend as a deep-zoom viewer does: the "
       "image is encoded as 16-bit wavelet tiles of whole-level transforms on first use, and any "
       "zoom level (or a region of it) is rendered on the worker threads with the display "
-      "filters asked for, the same however it is cut into tiles. The input's own levels "
-      "with pointwise filters are drawn from its pixels unless --through-transform is given. "
+      "filters asked for, the same however it is cut into tiles. The input's own levels are "
+      "drawn from its pixels unless --through-transform is given. "
       "At full resolution and without display filters the result must equal the input bit "
       "for bit."};
   app.get_formatter()->column_width(34);

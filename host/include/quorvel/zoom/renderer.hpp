@@ -69,11 +69,12 @@ struct RendererOptions {
   size_t levels = 3;
   /// Largest output tile one batch renders; larger rectangles are cut into such tiles.
   size_t outputTile = 256;
-  /// Draw the source's own levels from its pixels where the display is pointwise (no
-  /// sharpening, CLAHE or linear-light gamma): the transform of such a level gives back
-  /// exactly those pixels, and reading one block of the file, instead of a block with the
-  /// margins the inverse reaches into its eight neighbours, is most of the cost of a tile
-  /// rendered cold. Off, every level goes through the transform (tests compare the two).
+  /// Draw the levels where the plan anchors a transform and the source reads itself from
+  /// the source's pixels, whatever the display (CLAHE and linear-light gamma convert them to
+  /// YCoCg16 first): the transform of such a level gives back exactly those pixels, and
+  /// reading one block of the file, instead of a block with the margins the inverse reaches
+  /// into its eight neighbours, is most of the cost of a tile rendered cold. Off, every
+  /// level goes through the transform (tests compare the two).
   bool pixelTiles = true;
 };
 
