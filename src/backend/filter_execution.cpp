@@ -2,6 +2,7 @@
 // Each call checks its arguments on the caller's thread and queues jobs for the workers.
 
 #include <algorithm>
+#include <string>
 
 #include "backend/backend_support.hpp"
 #include "backend/renderer.hpp"
@@ -12,8 +13,12 @@
 namespace quorvel {
 namespace {
 
-using backend_support::notAvailable;
 using backend_support::wrap32;
+
+// The message of a call that names a filter with no instance on this backend.
+std::string notAvailable(Filter const& filter) {
+  return "Instance for Filter <" + filter.name() + "> not available";
+}
 
 // Location texts, part of the interface: they name the operation as it has always read.
 constexpr char kCreateShader[] =

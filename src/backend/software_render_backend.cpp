@@ -14,8 +14,16 @@
 namespace quorvel {
 namespace {
 
-using backend_support::saturatingMul;
 using backend_support::wrap32;
+
+// a * b, or the largest size_t where the product would wrap: a size that cannot exist
+// then fails the allocation instead of becoming a small one.
+size_t saturatingMul(size_t a, size_t b) {
+  if (a != 0 && b > std::numeric_limits<size_t>::max() / a) {
+    return std::numeric_limits<size_t>::max();
+  }
+  return a * b;
+}
 
 // Location texts. They are part of the interface and kept as they have always read,
 // including the ones that name another operation or drop an argument.
