@@ -191,8 +191,10 @@ void Engine::Impl::upload(WaveletEncoder const& encoder, std::vector<Unit> const
   Unit const& first = missing.front();
   Pyramid const& p = encoder.pyramid();
   size_t minDepth = SIZE_MAX;
+  bool wantPixels = false;
   for (Unit const& u : missing) {
     if (u.depth > 0) minDepth = std::min(minDepth, u.depth);
+    wantPixels |= u.depth == 0;
   }
   std::vector<DepthTiles> tiles;
   std::vector<unsigned char> pixels;
@@ -201,7 +203,7 @@ void Engine::Impl::upload(WaveletEncoder const& encoder, std::vector<Unit> const
   size_t const blockH = std::min(t0, p.height(first.anchor) - first.by * t0);
   std::exception_ptr failure;
   try {
-    if (first.depth == 0) {
+    if (wantPixels) {
       pixels.resize(blockW * blockH * 4);
       encoder.source().read(first.anchor, {first.bx * t0, first.by * t0, blockW, blockH},
                             pixels.data());
@@ -222,26 +224,22 @@ void Engine::Impl::upload(WaveletEncoder const& encoder, std::vector<Unit> const
       if (!state.uploaded && state.refs == 0) states.erase(u.firstTile);
       continue;
     }
+    // Each tile is locked at once, or the next upload could evict it.
     if (u.depth == 0) {
       instance->setTile(u.firstTile, pixels, {blockW, blockH, 4}, 0);
       instance->lockTile(u.firstTile);
-      state.refs = 1;
-      state.uploaded = true;
-      ++misses;
-      lease.units.push_back(u);
-      continue;
-    }
-    DepthTiles const& d = tiles.at(u.depth - minDepth);
-    size_t t = u.firstTile;
-    size_t const firstBand = u.tiles == 12 ? 0 : 1;
-    for (size_t band = firstBand; band < 4; ++band) {
-      for (size_t c = 0; c < 3; ++c, ++t) {
-        Plane16 const& plane = d.planes[band][c];
-        auto const* bytes = reinterpret_cast<unsigned char const*>(plane.samples.data());
-        instance->setTile(t, std::vector<unsigned char>(bytes, bytes + plane.samples.size() * 2),
-                          {plane.width, plane.height, 1}, 0);
-        // Locked at once, or the next upload could evict it.
-        instance->lockTile(t);
+    } else {
+      DepthTiles const& d = tiles.at(u.depth - minDepth);
+      size_t t = u.firstTile;
+      size_t const firstBand = u.tiles == 12 ? 0 : 1;
+      for (size_t band = firstBand; band < 4; ++band) {
+        for (size_t c = 0; c < 3; ++c, ++t) {
+          Plane16 const& plane = d.planes[band][c];
+          auto const* bytes = reinterpret_cast<unsigned char const*>(plane.samples.data());
+          instance->setTile(t, std::vector<unsigned char>(bytes, bytes + plane.samples.size() * 2),
+                            {plane.width, plane.height, 1}, 0);
+          instance->lockTile(t);
+        }
       }
     }
     state.refs = 1;
