@@ -34,20 +34,32 @@ class GatedKernel : public SoftwareFilter {
   Gate& release_;
 };
 
-TEST(Renderer, AllocatesOnceAndReleasesAnErasedTargetAfterItsLastJob) {
-  SoftwareRenderContext context(2, 2, 1);
-  Renderer renderer(context, 1);
-  size_t const id = renderer.addTarget(std::make_shared<Buffer2DVector<uint8_t>>(4, 4, false));
-  auto proxy = renderer.getTarget(id);
-  Gate started, release;
-  auto kernel = std::make_shared<GatedKernel>(started, release);
-  for (int i = 0; i < 2; ++i) {
-    RenderJob job;
+// A renderer with one 4 x 4 target, and jobs that write all of it with a given kernel.
+struct OneTarget {
+  explicit OneTarget(size_t workers)
+      : context(2, 2, workers),
+        renderer(context, workers),
+        id(renderer.addTarget(std::make_shared<Buffer2DVector<uint8_t>>(4, 4, false))),
+        proxy(renderer.getTarget(id)) {}
+  void submit(std::shared_ptr<SoftwareFilter> const& kernel, RenderJob job = {}) {
     job.filter = kernel;
     job.outputRects = {{0, 0, 4, 4}};
     job.targets = {proxy};
     renderer.submit(std::move(job));
   }
+  SoftwareRenderContext context;
+  Renderer renderer;
+  size_t id;
+  std::shared_ptr<BufferProxy> proxy;
+};
+
+TEST(Renderer, AllocatesOnceAndReleasesAnErasedTargetAfterItsLastJob) {
+  OneTarget one(1);
+  auto& [context, renderer, id, proxy] = one;
+  Gate started, release;
+  auto kernel = std::make_shared<GatedKernel>(started, release);
+  one.submit(kernel);
+  one.submit(kernel);
   EXPECT_FALSE(proxy->claimAllocation());  // the first submission claimed it
   EXPECT_EQ(proxy->pendingJobs(), 2);
   renderer.flush();
@@ -65,17 +77,11 @@ TEST(Renderer, AllocatesOnceAndReleasesAnErasedTargetAfterItsLastJob) {
 }
 
 TEST(Renderer, WaitersWakeWhenTheLastJobFinishes) {
-  SoftwareRenderContext context(2, 2, 2);
-  Renderer renderer(context, 2);
-  size_t const id = renderer.addTarget(std::make_shared<Buffer2DVector<uint8_t>>(4, 4, false));
-  auto proxy = renderer.getTarget(id);
+  OneTarget one(2);
+  auto& proxy = one.proxy;
   Gate started, release;
-  RenderJob job;
-  job.filter = std::make_shared<GatedKernel>(started, release);
-  job.outputRects = {{0, 0, 4, 4}};
-  job.targets = {proxy};
-  renderer.submit(std::move(job));
-  renderer.flush();
+  one.submit(std::make_shared<GatedKernel>(started, release));
+  one.renderer.flush();
   std::atomic<int> woken{0};
   std::vector<std::thread> waiters;
   for (int i = 0; i < 3; ++i) {
@@ -104,23 +110,16 @@ class FillKernel : public SoftwareFilter {
 };
 
 TEST(Renderer, FinishedJobsComeBackWithoutTheirReferences) {
-  SoftwareRenderContext context(2, 2, 1);
-  Renderer renderer(context, 1);
-  size_t const id = renderer.addTarget(std::make_shared<Buffer2DVector<uint8_t>>(4, 4, false));
-  auto proxy = renderer.getTarget(id);
+  OneTarget one(1);
+  auto& [context, renderer, id, proxy] = one;
   auto kernel = std::make_shared<FillKernel>();
   auto params = std::make_shared<FilterClaheParams>();
   for (int round = 0; round < 3; ++round) {
     RenderJob job = renderer.newJob();
-    job.filter = kernel;
     job.params = params;
-    job.inputRects.resize(1);
-    job.inputRects[0].assign({0, 0, 4, 4});
+    job.inputRects = {{0, 0, 4, 4}};
     job.sources = {proxy};
-    job.outputRects.resize(1);
-    job.outputRects[0].assign({0, 0, 4, 4});
-    job.targets = {proxy};
-    renderer.submit(std::move(job));
+    one.submit(kernel, std::move(job));
     renderer.flush();
     proxy->wait();
     EXPECT_EQ(Buffer2DVector<uint8_t>::cast(proxy->buffer())->data()[15], 1);

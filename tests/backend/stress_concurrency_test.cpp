@@ -223,7 +223,7 @@ TEST(Stress, ThousandsOfBatchesWithFailingJobsKeepTheQueueFull) {
   instance->setTile(1, rgbaTile(kSide, 9), {kSide, kSide, 4}, 0);
   size_t const unwritten = createRgbaTarget(*instance, kSide);
   auto const deadline = Clock::now() + budget(std::chrono::milliseconds(800));
-  size_t batches = 0, sawFullQueue = 0;
+  size_t batches = 0;
   for (size_t round = 0; round < 2 || Clock::now() < deadline; ++round) {
     std::vector<size_t> targets;
     for (size_t i = 0; i < kTargets; ++i) targets.push_back(createRgbaTarget(*instance, kSide));
@@ -240,7 +240,6 @@ TEST(Stress, ThousandsOfBatchesWithFailingJobsKeepTheQueueFull) {
       }
       instance->finalizeDrawSequence();
       ++batches;
-      if (instance->freeSlots() == 0) ++sawFullQueue;
     }
     for (size_t i = 0; i < kTargets; ++i) {
       std::string const failure = readFailure(*instance, targets[i], kSide);
@@ -256,7 +255,6 @@ TEST(Stress, ThousandsOfBatchesWithFailingJobsKeepTheQueueFull) {
   }
   EXPECT_GE(batches, 2 * kTargets);
   EXPECT_EQ(instance->freeSlots(), 16u) << "every slot is free again once all reads are done";
-  (void)sawFullQueue;  // how often the queue was full depends on the machine's speed
 }
 
 TEST(Stress, TargetsErasedWhileTheirJobsArePending) {

@@ -55,11 +55,6 @@ TEST(FormatException, NestsNamesAndChainsLocationsOutermostFirst) {
   }
 }
 
-TEST(FormatException, SingleExceptionHasNoParentheses) {
-  QuorvelException e("name", "loc");
-  EXPECT_EQ(formatException(e), "name\n  Location:     loc");
-}
-
 TEST(FormatException, ForeignNestedExceptionsAreKept) {
   try {
     try {
@@ -88,7 +83,8 @@ TEST(FormatException, ForeignNestedExceptionsAreKept) {
   }
 }
 
-TEST(FormatException, CutsValuesAtHashAndShowsFirstStreamAndErrnoOnly) {
+TEST(FormatException, SingleExceptionCutsValuesAtHashAndShowsFirstStreamAndErrnoOnly) {
+  EXPECT_EQ(formatException(QuorvelException("name", "loc")), "name\n  Location:     loc");
   QuorvelException e("#Name:a#StreamName:s1#StreamName:s2#Errno:1#Errno:2#Location:x#y");
   EXPECT_EQ(formatException(e), "a\n  Location:     x\n  Streamname:   s1\n  Error number: 1");
   EXPECT_EQ(formatException(QuorvelException("no tags at all")), "");

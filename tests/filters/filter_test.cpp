@@ -32,15 +32,12 @@ Filter xFilter(size_t x0, size_t stride, size_t num, size_t den, size_t alignIn,
                 1, std::move(signedIn), false, 8, RenderBackend::ImageFiltering::kLinear);
 }
 
-TEST(Filter, PointFilterMapsRangesToThemselves) {
-  Filter f = pointFilter("P");
-  EXPECT_FALSE(f.changesGeometry());
+TEST(Filter, PointFiltersKeepRangesAndUpscalingRangesRoundOutward) {
+  Filter point = pointFilter("P");
+  EXPECT_FALSE(point.changesGeometry());
   Range const r = {3, 17, 5, 9};
-  EXPECT_EQ(f.inputRange(r), r);
-  EXPECT_EQ(f.outputRange(r), r);
-}
-
-TEST(Filter, UpscalingRangesRoundOutward) {
+  EXPECT_EQ(point.inputRange(r), r);
+  EXPECT_EQ(point.outputRange(r), r);
   Filter f("Up", 0, 0, 0, 0, 0, 1, 0, 1, 2, 1, 2, 1, 1, 32, 32, 4, 4, 1, 1, 1, 1, {false}, false, 8,
            RenderBackend::ImageFiltering::kLinear);
   EXPECT_TRUE(f.changesGeometry());
@@ -193,25 +190,7 @@ TEST(GenericMultiFactory, RegistersInOrderReplacesAndFailsExactly) {
   }
 }
 
-TEST(BuiltinRegistry, EveryNameCreatesItsKernel) {
-  SoftwareFilterFactory factory;
-  registerBuiltinFilters(factory);
-  for (auto const& name : factory.names()) {
-    Filter description("" + name, 0, 0, 0, 0, 0, 1, 0, 1, 1, 1, 1, 1, 1, 32, 32, 4, 4, 1, 1, 1, 1,
-                       {false}, false, 8, RenderBackend::ImageFiltering::kLinear);
-    auto kernel = factory.get(name).create(description);
-    ASSERT_NE(kernel, nullptr) << name;
-    EXPECT_EQ(kernel->name(), name);
-  }
-}
-
-}  // namespace
-}  // namespace quorvel
-
-namespace quorvel {
-namespace {
-
-TEST(BuiltinRegistry, HoldsTheTwentyEightNamesInRegistrationOrder) {
+TEST(BuiltinRegistry, HoldsTheTwentyEightNamesInOrderAndEachCreatesItsKernel) {
   SoftwareFilterFactory factory;
   registerBuiltinFilters(factory);
   std::vector<std::string> const expected = {
@@ -226,6 +205,12 @@ TEST(BuiltinRegistry, HoldsTheTwentyEightNamesInRegistrationOrder) {
       "FilterLinear16TosRGB8", "FilterBlackWhiteGamma8", "FilterTruncate16",
       "FilterRemoveAlpha8"};
   EXPECT_EQ(factory.names(), expected);
+  for (auto const& name : expected) {
+    Filter description = pointFilter(name);
+    auto kernel = factory.get(name).create(description);
+    ASSERT_NE(kernel, nullptr) << name;
+    EXPECT_EQ(kernel->name(), name);
+  }
 }
 
 TEST(BuiltinRegistry, TableDescriptionsAgreeAndNameExactlyTheThreeMaskFilters) {

@@ -88,16 +88,15 @@ TEST(ParallelWorkQueue, ReportsAWorkerFailureOnceNestedAroundTheJobError) {
     FAIL() << "the pending failure was not reported";
   } catch (QuorvelException const& e) {
     std::string const text = collectMessages(e);
-    std::string const names = std::string(typeid(std::vector<int>).name()) + typeid(Worker).name();
+    std::string const item = typeid(std::vector<int>).name(), worker = typeid(Worker).name();
     EXPECT_EQ(text.rfind("#Name:in error state#Location:std::pair<size_t, size_t> "
                          "ParalllelWorkQueue<" +
-                             names + ",size_t>::rethrowAnyException()",
+                             item + worker + ",size_t>::rethrowAnyException()",
                          0),
               0u)
         << text;
-    EXPECT_NE(text.find("#Name:Worker thread failed#Location:void ParallelWorkQueue<" +
-                        std::string(typeid(std::vector<int>).name()) + "," + typeid(Worker).name() +
-                        ",size_t>::work(...)"),
+    EXPECT_NE(text.find("#Name:Worker thread failed#Location:void ParallelWorkQueue<" + item + "," +
+                        worker + ",size_t>::work(...)"),
               std::string::npos)
         << text;
     EXPECT_NE(text.find("#Name:STL error#Description:job broke"), std::string::npos) << text;

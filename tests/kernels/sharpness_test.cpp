@@ -161,23 +161,19 @@ class Sharpness8 : public ::testing::Test {
   Rgba8 const sentinel_{{0xA5, 0x5A, 0xC3, 0x3C}};
 };
 
-TEST_F(Sharpness8, FlatColourStaysForAnyGainWhileAlphaIsSharpenedLikeColour) {
-  // Colour is flat, alpha has a spike: colour stays whatever the gain, alpha overshoots
-  // around the spike as the reference says.
+TEST_F(Sharpness8, FlatColourStaysWhileAnAlphaSpikeOvershoots) {
+  // Colour is flat, alpha has a spike: colour stays, and alpha is sharpened like colour,
+  // rising at the spike and dipping beside it. The overshoot pins the sign of the detail
+  // term, which a reference written the same wrong way round would not catch.
   auto src = buffer<Rgba8>(40, 9, {{0, 77, 200, 100}});
   src->data()[4 * 40 + 4][3] = 140;
-  for (double gain : {-5.0, -1.0, 0.5, 1.0, 3.7, 40.0, 5000.0}) {
-    auto dst = buffer<Rgba8>(36, 5);
-    filter_.apply({src}, {{0, 0, 40, 9}}, {dst}, {{0, 0, 36, 5}}, params(gain, 0));
-    SCOPED_TRACE(::testing::Message() << "gain " << gain);
-    expectTarget(*dst, {0, 0, 36, 5}, sentinel_, [&](int64_t i, int64_t j) {
-      return Rgba8{{0, 77, 200, refSharpen8(*src, i + 2, j + 2, refStrength(gain, 0))[3]}};
-    });
-    if (gain == 1.0) {
-      EXPECT_GT(at(*dst, 2, 2)[3], 140);
-      EXPECT_LT(at(*dst, 1, 2)[3], 100);
-    }
-  }
+  auto dst = buffer<Rgba8>(36, 5);
+  filter_.apply({src}, {{0, 0, 40, 9}}, {dst}, {{0, 0, 36, 5}}, params(1.0, 0));
+  expectTarget(*dst, {0, 0, 36, 5}, sentinel_, [&](int64_t i, int64_t j) {
+    return Rgba8{{0, 77, 200, refSharpen8(*src, i + 2, j + 2, 32)[3]}};
+  });
+  EXPECT_GT(at(*dst, 2, 2)[3], 140);
+  EXPECT_LT(at(*dst, 1, 2)[3], 100);
 }
 
 TEST_F(Sharpness8, MatchesReferenceForEveryWidthAndTarget) {
@@ -186,13 +182,14 @@ TEST_F(Sharpness8, MatchesReferenceForEveryWidthAndTarget) {
     double gain;
     int32_t level;
   };
-  // Gain 0 must give back the source exactly.
+  // Gain 0 must give back the source exactly. At 2000 the sums stay inside 32 bits; at
+  // 5000 the steepest edges wrap.
   Case const cases[] = {{1.0, 0},    {2.75, 1},   {-1.5, 0}, {12.0, 3},
-                        {2000.0, 0}, {-0.9, -30}, {0.0, 0}};
+                        {2000.0, 0}, {-0.9, -30}, {0.0, 0},  {5000.0, 0}};
   testing::forEachSimdTarget([&] {
     for (int w = 1; w <= 20; ++w) {
       for (int h : {1, 3}) {
-        Case const& c = cases[static_cast<size_t>(w + h) % 7];
+        Case const& c = cases[static_cast<size_t>(w + h) % std::size(cases)];
         auto src = randomBuffer<Rgba8>(w + 7, h + 6, 0, 255, gen);
         auto dst = buffer<Rgba8>(w + 3, h + 2, sentinel_);
         Rect const out{2, 1, w, h};

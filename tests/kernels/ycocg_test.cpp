@@ -68,21 +68,19 @@ TEST(YCoCg, DocumentedExamples) {
 TEST(YCoCg, RoundTripIsExactForAllColours) {
   // Every 24-bit colour once, in one 4096 x 4096 image, with a varying alpha, on the
   // dispatched target (the other targets are compared on random rows below).
-  {
-    auto colours = std::make_shared<Buffer2DVector<Rgba>>(4096, 4096, true);
-    for (uint32_t i = 0; i < (1u << 24); ++i) {
-      colours->data()[i] = {static_cast<uint8_t>(i), static_cast<uint8_t>(i >> 8),
-                            static_cast<uint8_t>(i >> 16), static_cast<uint8_t>(i * 7)};
-    }
-    auto ycc = std::make_shared<Buffer2DVector<Ycc>>(4096, 4096, true);
-    auto back = std::make_shared<Buffer2DVector<Rgba>>(4096, 4096, true);
-    run<ToYcc>(colours, {0, 0, 4096, 4096}, ycc, {0, 0, 4096, 4096}, "FilterRGBA8ToYCoCg16");
-    run<ToRgba>(ycc, {0, 0, 4096, 4096}, back, {0, 0, 4096, 4096}, "FilterYCoCg16ToRGBA8");
-    for (uint32_t i = 0; i < (1u << 24); ++i) {
-      Rgba expected = colours->data()[i];
-      expected[3] = 255;
-      ASSERT_EQ(back->data()[i], expected) << "colour " << std::hex << i;
-    }
+  auto colours = std::make_shared<Buffer2DVector<Rgba>>(4096, 4096, true);
+  for (uint32_t i = 0; i < (1u << 24); ++i) {
+    colours->data()[i] = {static_cast<uint8_t>(i), static_cast<uint8_t>(i >> 8),
+                          static_cast<uint8_t>(i >> 16), static_cast<uint8_t>(i * 7)};
+  }
+  auto ycc = std::make_shared<Buffer2DVector<Ycc>>(4096, 4096, true);
+  auto back = std::make_shared<Buffer2DVector<Rgba>>(4096, 4096, true);
+  run<ToYcc>(colours, {0, 0, 4096, 4096}, ycc, {0, 0, 4096, 4096}, "FilterRGBA8ToYCoCg16");
+  run<ToRgba>(ycc, {0, 0, 4096, 4096}, back, {0, 0, 4096, 4096}, "FilterYCoCg16ToRGBA8");
+  for (uint32_t i = 0; i < (1u << 24); ++i) {
+    Rgba expected = colours->data()[i];
+    expected[3] = 255;
+    ASSERT_EQ(back->data()[i], expected) << "colour " << std::hex << i;
   }
 }
 
