@@ -20,14 +20,6 @@ namespace quorvel {
 namespace HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
 
-// kernel::prefetchAhead, but always inlined: called out of line from an always-inline step,
-// GCC 12 took it for a function without side effects (the prefetch builtin counts as none)
-// and dropped the calls, which made the vertical pass over large images 6-10% slower.
-HWY_INLINE void PrefetchAhead(void const* p) {
-  hwy::Prefetch(
-      reinterpret_cast<void const*>(reinterpret_cast<uintptr_t>(p) + kernel::kPrefetchBytes));
-}
-
 // =====================================================================================
 // Sharpness 8-bit - one 5 x 5 pass over interleaved samples
 // =====================================================================================
@@ -255,7 +247,7 @@ void SharpenRowV16(uint16_t const* const blurRows[5], int16_t const* centre, int
                                                blurRows[4]};
   // Rows 0-3 of the blur were read for the rows above; row 4 and the centre row are new.
   auto const sharpen = [=](auto d, size_t k, auto n) QUORVEL_STEP {
-    PrefetchAhead(rows[4] + k), PrefetchAhead(centre + k);
+    kernel::prefetchAhead(rows[4] + k), kernel::prefetchAhead(centre + k);
     if constexpr (kHaveMaskedMemory) {
       return SharpenV16Pairs(d, rows, centre, k, n, strength);
     } else {
