@@ -115,7 +115,7 @@ inline constexpr bool kHaveFastGather =
     HWY_TARGET == HWY_AVX2 || HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL;
 
 // ------------------------------------------------------------------------------------
-// Whole-vector permutes and packs (512-bit vectors)
+// Whole-vector permutes and packs (512-bit vectors, and 256-bit ones where said)
 // ------------------------------------------------------------------------------------
 
 #if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
@@ -127,22 +127,19 @@ HWY_INLINE hn::Vec512<T> TwoTableWords(hn::Vec512<T> lo, hn::Vec512<uint16_t> in
   return hn::Vec512<T>{_mm512_permutex2var_epi16(lo.raw, index.raw, hi.raw)};
 }
 
-/// Lane j: table[index[j] % 32] where bit j of laneBits is set, else no[j].
-template <typename T>
-HWY_INLINE hn::Vec512<T> MaskedTableWords(hn::Vec512<T> no, uint32_t laneBits,
-                                          hn::Vec512<uint16_t> index, hn::Vec512<T> table) {
-  static_assert(sizeof(T) == 2, "16-bit lanes");
-  return hn::Vec512<T>{_mm512_mask_permutexvar_epi16(no.raw, static_cast<__mmask32>(laneBits),
-                                                     index.raw, table.raw)};
-}
-
-/// The same on 256-bit vectors: table[index[j] % 16] where bit j of laneBits is set.
-template <typename T>
-HWY_INLINE hn::Vec256<T> MaskedTableWords(hn::Vec256<T> no, uint32_t laneBits,
-                                          hn::Vec256<uint16_t> index, hn::Vec256<T> table) {
-  static_assert(sizeof(T) == 2, "16-bit lanes");
-  return hn::Vec256<T>{_mm256_mask_permutexvar_epi16(no.raw, static_cast<__mmask16>(laneBits),
-                                                     index.raw, table.raw)};
+/// Lane j: table[index[j] % Lanes] where bit j of laneBits is set, else no[j]; on 512- or
+/// 256-bit vectors.
+template <class V, class VI>
+HWY_INLINE V MaskedTableWords(V no, uint32_t laneBits, VI index, V table) {
+  static_assert(sizeof(hn::TFromV<V>) == 2, "16-bit lanes");
+  if constexpr (hn::MaxLanes(hn::DFromV<V>()) == 32) {
+    return V{_mm512_mask_permutexvar_epi16(no.raw, static_cast<__mmask32>(laneBits), index.raw,
+                                           table.raw)};
+  } else {
+    static_assert(hn::MaxLanes(hn::DFromV<V>()) == 16, "256 or 512 bits");
+    return V{_mm256_mask_permutexvar_epi16(no.raw, static_cast<__mmask16>(laneBits), index.raw,
+                                           table.raw)};
+  }
 }
 
 /// Each 128-bit block: the block of a, then the block of b, saturated to 0..255.
